@@ -1,0 +1,169 @@
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#define RADARSCENE_EXPORT __attribute__((visibility("default")))
+
+struct sd_event;
+namespace sdbus {
+class IConnection;
+}
+
+namespace RadarScene {
+
+// One class hypothesis of an object. Class numbers 0..31 take part in the
+// class filter of SerializeFrameOptions.
+struct Classification {
+    int32_t id = 0;
+    std::optional<double> confidence;
+};
+
+struct RadarFailure {
+    std::string name;
+    int32_t id = 0;
+    bool state = false;
+};
+
+struct RadarStatus {
+    bool enabled = false;
+    bool prerecorded = false;
+    std::vector<RadarFailure> failures;
+};
+
+struct RadarOrientation {
+    double tilt = 0;
+    double roll = 0;
+};
+
+// One tracked object. Every member but `id` is optional: its presence bit
+// says whether it holds a value, whatever its storage contains. The set_...
+// calls store a value together with its bit.
+struct FrameObject {
+    // (x, y) is the corner with the smallest coordinates; y grows upward.
+    struct BoundingBox {
+        double x = 0;
+        double y = 0;
+        double width = 0;
+        double height = 0;
+    };
+
+    struct Velocity {
+        double vx = 0;
+        double vy = 0;
+    };
+
+    struct Position {
+        double x = 0;
+        double y = 0;
+        double z = 0;
+    };
+
+    struct Velocity3d {
+        double vx = 0;
+        double vy = 0;
+        double vz = 0;
+    };
+
+    struct GeoPosition {
+        double elevation = 0;
+        double latitude = 0;
+        double longitude = 0;
+    };
+
+    // Presence bits, in this order from bit 0.
+    enum Field : unsigned {
+        BOUNDING_BOX,
+        POLYGON,
+        VELOCITY,
+        CONFIDENCE,
+        POSITION,
+        VELOCITY3D,
+        CLASSIFICATIONS,
+        COVARIANCE,
+        AREA,
+        GEOPOSITION,
+        FIELD_COUNT
+    };
+
+    int32_t id = 0;
+    BoundingBox bounding_box;
+    std::vector<std::array<double, 2>> polygon;
+    Velocity velocity;
+    double confidence = 0;
+    Position position;
+    Velocity3d velocity3d;
+    std::vector<Classification> classifications;
+    std::vector<double> covariance;
+    double area = 0;
+    GeoPosition geoposition;
+    std::bitset<FIELD_COUNT> present;
+
+    bool has(Field field) const { return present.test(field); }
+    void set_present(Field field, bool on = true) { present.set(field, on); }
+
+    bool has_bounding_box() const { return has(BOUNDING_BOX); }
+    bool has_polygon() const { return has(POLYGON); }
+    bool has_velocity() const { return has(VELOCITY); }
+    bool has_confidence() const { return has(CONFIDENCE); }
+    bool has_position() const { return has(POSITION); }
+    bool has_velocity3d() const { return has(VELOCITY3D); }
+    bool has_classifications() const { return has(CLASSIFICATIONS); }
+    bool has_covariance() const { return has(COVARIANCE); }
+    bool has_area() const { return has(AREA); }
+    bool has_geoposition() const { return has(GEOPOSITION); }
+
+    void set_bounding_box(const BoundingBox& v) { bounding_box = v, set_present(BOUNDING_BOX); }
+    void set_polygon(std::vector<std::array<double, 2>> v) { polygon = std::move(v), set_present(POLYGON); }
+    void set_velocity(const Velocity& v) { velocity = v, set_present(VELOCITY); }
+    void set_confidence(double v) { confidence = v, set_present(CONFIDENCE); }
+    void set_position(const Position& v) { position = v, set_present(POSITION); }
+    void set_velocity3d(const Velocity3d& v) { velocity3d = v, set_present(VELOCITY3D); }
+    void set_classifications(std::vector<Classification> v) {
+        classifications = std::move(v), set_present(CLASSIFICATIONS);
+    }
+    void set_covariance(std::vector<double> v) { covariance = std::move(v), set_present(COVARIANCE); }
+    void set_area(double v) { area = v, set_present(AREA); }
+    void set_geoposition(const GeoPosition& v) { geoposition = v, set_present(GEOPOSITION); }
+};
+
+// One radar frame. `time` is in nanoseconds of the monotonic clock.
+struct Frame {
+    uint64_t time = 0;
+    std::vector<FrameObject> objects;
+    std::optional<RadarStatus> status;
+    std::optional<RadarOrientation> orientation;
+    std::optional<std::string> param_changed;
+};
+
+// What a consumer wants its scenes to carry. Bit n of `filtered_classes`
+// drops objects whose only classification is class n, unless `raw` is set.
+struct SerializeFrameOptions {
+    bool bounding_box = false;
+    bool polygon = false;
+    bool velocity = false;
+    bool geolocation = false;
+    bool raw = false;
+    uint32_t filtered_classes = 0;
+};
+
+// Replaces `out` with the RadarScene.Scene bytes of `frame`.
+RADARSCENE_EXPORT void serializeFrame(std::string& out, const Frame& frame,
+                                      const SerializeFrameOptions& options);
+
+// Decodes RadarScene.Scene bytes; input that does not parse yields whatever
+// was decoded before the parser stopped.
+RADARSCENE_EXPORT Frame deserializeFrame(std::string_view bytes);
+
+// Fills the geographic position of every object from the device's position
+// and heading; objects that already carry one keep it.
+RADARSCENE_EXPORT void addGeoLocation(Frame& frame);
+
+}  // namespace RadarScene

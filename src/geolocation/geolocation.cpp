@@ -1,0 +1,204 @@
+#include "geolocation/geolocation.h"
+
+#include "common/log.h"
+#include "geolocation/geoprojection.h"
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr const char* NAME_OWNER_CHANGED_MATCH =
+    "type='signal', sender='org.freedesktop.DBus', interface='org.freedesktop.DBus', "
+    "member='NameOwnerChanged', arg0='com.tessel.GeoLocation1'";
+constexpr const char* PROPERTIES_CHANGED_MATCH =
+    "type='signal',sender='com.tessel.GeoLocation1',path='/com/tessel/GeoLocation1',"
+    "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
+
+// Turns a negative sd-bus result into a system_error named after the call.
+int check(int r, const char* call) {
+    if (r < 0) {
+        throw std::system_error(-r, std::system_category(), call);
+    }
+    return r;
+}
+
+void log_failure(const char* where, const std::exception& e) {
+    log_error("%s: %s", where, e.what());
+}
+
+bool key_is(const char* key, std::string_view name) {
+    return std::string_view(key) == name;
+}
+
+struct bus_closer {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+struct message_unref {
+    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
+};
+
+}  // namespace
+
+GeoLocation::GeoLocation(sd_event* event)
+    : service("com.tessel.GeoLocation1"),
+      path("/com/tessel/GeoLocation1"),
+      interface("com.tessel.GeoLocation1"),
+      properties_interface("org.freedesktop.DBus.Properties") {
+    try {
+        check(sd_bus_open_system(&bus), "sd_bus_open_system");
+        check(sd_bus_attach_event(bus, event, 0), "sd_bus_attach_event");
+        check(sd_bus_add_match(bus, &name_owner_slot_, NAME_OWNER_CHANGED_MATCH,
+                               &GeoLocation::onNameOwnerChanged, this),
+              "sd_bus_add_match");
+        check(sd_bus_add_match(bus, &properties_slot_, PROPERTIES_CHANGED_MATCH,
+                               &GeoLocation::onPropertiesChanged, this),
+              "sd_bus_add_match");
+    } catch (const std::system_error& e) {
+        log_failure("GeoLocation", e);
+    }
+    initProperties();
+}
+
+GeoLocation::~GeoLocation() {
+    sd_bus_slot_unref(properties_slot_);
+    sd_bus_slot_unref(name_owner_slot_);
+    if (!bus) {
+        return;
+    }
+    try {
+        if (sd_bus_get_event(bus)) {
+            check(sd_bus_detach_event(bus), "sd_bus_detach_event");
+        }
+        sd_bus_flush_close_unref(bus);
+    } catch (const std::system_error& e) {
+        log_failure("~GeoLocation", e);
+    }
+}
+
+void GeoLocation::initProperties() {
+    try {
+        sd_bus* raw_bus = nullptr;
+        check(sd_bus_open_system(&raw_bus), "sd_bus_open_system");
+        std::unique_ptr<sd_bus, bus_closer> connection(raw_bus);
+        sd_bus_message* raw_reply = nullptr;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        int r = sd_bus_call_method(connection.get(), service.c_str(), path.c_str(),
+                                   properties_interface.c_str(), "GetAll", &error, &raw_reply, "s",
+                                   interface.c_str());
+        sd_bus_error_free(&error);
+        std::unique_ptr<sd_bus_message, message_unref> reply(raw_reply);
+        check(r, "sd_bus_call_method");
+        parseProperties(reply.get());
+    } catch (const std::system_error& e) {
+        log_failure("initProperties", e);
+    }
+}
+
+void GeoLocation::setLatitude(double value) {
+    latitude = value;
+    geo_scale_factors factors = geo_compute_scale_factors(value);
+    lat_deg_per_metre = factors.lat_deg_per_metre;
+    lon_deg_per_metre = factors.lon_deg_per_metre;
+}
+
+// Reads an a{sv} of properties. Values of the expected type are stored;
+// anything else is skipped. Throws system_error on malformed messages.
+void GeoLocation::parseProperties(sd_bus_message* m) {
+    check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}"),
+          "sd_bus_message_enter_container");
+    while (check(sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv"),
+                 "sd_bus_message_enter_container") > 0) {
+        const char* key = nullptr;
+        check(sd_bus_message_read(m, "s", &key), "sd_bus_message_read");
+        int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "d");
+        if (r > 0) {
+            double value = 0;
+            check(sd_bus_message_read(m, "d", &value), "sd_bus_message_read");
+            check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+            if (key_is(key, "latitude")) {
+                setLatitude(value);
+            } else if (key_is(key, "longitude")) {
+                longitude = value;
+            } else if (key_is(key, "heading")) {
+                heading = value;
+            }
+        } else if (r != -ENXIO && r < 0) {
+            check(r, "sd_bus_message_enter_container");
+        } else if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "b")) > 0) {
+            int value = 0;
+            check(sd_bus_message_read(m, "b", &value), "sd_bus_message_read");
+            check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+            if (key_is(key, "valid_pos")) {
+                valid = value != 0;
+            }
+        } else if (r != -ENXIO && r < 0) {
+            check(r, "sd_bus_message_enter_container");
+        } else {
+            check(sd_bus_message_skip(m, "v"), "sd_bus_message_skip");
+        }
+        check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+    }
+    check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+}
+
+int GeoLocation::handlePropertiesChanged(sd_bus_message* m) {
+    try {
+        const char* changed_interface = nullptr;
+        check(sd_bus_message_read(m, "s", &changed_interface), "sd_bus_message_read");
+        parseProperties(m);
+    } catch (const std::system_error& e) {
+        log_failure("handlePropertiesChanged", e);
+        return -e.code().value();
+    }
+    return 0;
+}
+
+int GeoLocation::handleNameOwnerChanged(sd_bus_message* m) {
+    try {
+        const char* name = nullptr;
+        const char* old_owner = nullptr;
+        const char* new_owner = nullptr;
+        check(sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner),
+              "sd_bus_message_read");
+        if (new_owner && *new_owner) {
+            initProperties();
+        }
+    } catch (const std::system_error& e) {
+        log_failure("handleNameOwnerChanged", e);
+        return -1;
+    }
+    return 0;
+}
+
+int GeoLocation::onPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    return static_cast<GeoLocation*>(self)->handlePropertiesChanged(m);
+}
+
+int GeoLocation::onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    return static_cast<GeoLocation*>(self)->handleNameOwnerChanged(m);
+}
+
+namespace {
+
+std::mutex current_mutex;
+std::unique_ptr<GeoLocation> current_client;
+std::atomic<GeoLocation*> current_pointer{nullptr};
+
+}  // namespace
+
+void geolocation_set_current(std::unique_ptr<GeoLocation> client) {
+    std::unique_ptr<GeoLocation> previous;
+    {
+        std::lock_guard lock(current_mutex);
+        current_pointer = client.get();
+        previous = std::exchange(current_client, std::move(client));
+    }
+}
+
+GeoLocation* geolocation_current() {
+    return current_pointer.load();
+}

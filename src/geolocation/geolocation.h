@@ -1,0 +1,53 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+// Follows the device's position and heading as published by the platform's
+// geolocation service on the system bus. The values are written on the event
+// loop thread and read from any thread without a lock; each one is an atomic
+// of its own, so a reader may combine values of two updates.
+class GeoLocation {
+public:
+    explicit GeoLocation(sd_event* event);
+    ~GeoLocation();
+    GeoLocation(const GeoLocation&) = delete;
+    GeoLocation& operator=(const GeoLocation&) = delete;
+
+    // Reads all properties once with a GetAll call on a short-lived
+    // connection; failures are logged and the previous values kept.
+    void initProperties();
+
+    sd_bus* bus = nullptr;
+    const std::string service;
+    const std::string path;
+    const std::string interface;
+    const std::string properties_interface;
+    std::atomic<double> heading{0};
+    std::atomic<double> latitude{0};
+    std::atomic<double> longitude{0};
+    std::atomic<double> elevation{0};
+    std::atomic<bool> valid{false};
+    std::atomic<double> lon_deg_per_metre{0};
+    std::atomic<double> lat_deg_per_metre{0};
+
+private:
+    void parseProperties(sd_bus_message* message);
+    int handlePropertiesChanged(sd_bus_message* message);
+    int handleNameOwnerChanged(sd_bus_message* message);
+    void setLatitude(double value);
+    static int onPropertiesChanged(sd_bus_message* message, void* self, sd_bus_error* error);
+    static int onNameOwnerChanged(sd_bus_message* message, void* self, sd_bus_error* error);
+
+    sd_bus_slot* name_owner_slot_ = nullptr;
+    sd_bus_slot* properties_slot_ = nullptr;
+};
+
+// The process-wide client used by the projection. Installing a new one
+// destroys the previous one.
+void geolocation_set_current(std::unique_ptr<GeoLocation> client);
+GeoLocation* geolocation_current();

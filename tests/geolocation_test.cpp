@@ -1,0 +1,277 @@
+#include "geolocation/geolocation.h"
+#include "geolocation/geoprojection.h"
+#include "support/fakedevice.h"
+#include "support/testbus.h"
+#include "support/testutil.h"
+
+#include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+using namespace RadarScene;
+
+// Figures below were computed outside the library with an independent
+// implementation of the same geodetic formulas.
+TEST(GeoProjection, ScaleFactorsMatchIndependentFigures) {
+    geo_scale_factors equator = geo_compute_scale_factors(0);
+    EXPECT_NEAR(equator.lat_deg_per_metre, 9.028652746944714e-06, 1e-18);
+    EXPECT_NEAR(equator.lon_deg_per_metre, 8.990694818413671e-06, 1e-18);
+    geo_scale_factors mid = geo_compute_scale_factors(45);
+    EXPECT_NEAR(mid.lat_deg_per_metre, 8.998078967363299e-06, 1e-18);
+    EXPECT_NEAR(mid.lon_deg_per_metre, 1.2714656140441412e-05, 1e-18);
+}
+
+TEST(GeoProjection, ProjectsAlongHeadingPlusBearing) {
+    GeoLocation& device = install_device(0, 0, 0, true);
+    geo_projection north = geo_project(device, 100, 0);
+    EXPECT_NEAR(north.longitude, 0, 1e-12);
+    EXPECT_NEAR(north.latitude, 100 * 9.028652746944714e-06, 1e-15);
+    EXPECT_TRUE(north.valid);
+
+    device.heading = 90;
+    geo_projection east = geo_project(device, 100, 0);
+    EXPECT_NEAR(east.latitude, 0, 1e-12);
+    EXPECT_NEAR(east.longitude, 100 * 8.990694818413671e-06, 1e-15);
+
+    // Stockholm, heading 30, object 250 m away at bearing 15: compass 45.
+    GeoLocation& city = install_device(59.3293, 18.0686, 30, false);
+    city.elevation = 12;
+    geo_projection p = geo_project(city, 250, 15);
+    EXPECT_NEAR(p.latitude, 59.33088810323186, 1e-10);
+    EXPECT_NEAR(p.longitude, 18.071715700841224, 1e-10);
+    EXPECT_EQ(p.elevation, 12);
+    EXPECT_FALSE(p.valid);
+}
+
+TEST(GeoProjection, NormalisationFoldsPolesAndWrapsOnce) {
+    double lat = 91, lon = 10;
+    geo_normalise(lat, lon);
+    EXPECT_DOUBLE_EQ(lat, 89);
+    EXPECT_DOUBLE_EQ(lon, -170);
+
+    lat = -95, lon = -10;
+    geo_normalise(lat, lon);
+    EXPECT_DOUBLE_EQ(lat, -85);
+    EXPECT_DOUBLE_EQ(lon, 170);
+
+    lat = 0, lon = 400;
+    geo_normalise(lat, lon);
+    EXPECT_DOUBLE_EQ(lon, 0);
+
+    lat = 0, lon = 200;
+    geo_normalise(lat, lon);
+    EXPECT_DOUBLE_EQ(lon, -160);
+
+    lat = 0, lon = -190;
+    geo_normalise(lat, lon);
+    EXPECT_DOUBLE_EQ(lon, 170);
+}
+
+TEST(AddGeoLocation, FillsEveryObjectWhateverTheDeviceValidity) {
+    install_device(0, 0, 0, false);
+    Frame frame;
+    FrameObject stored, positioned, bare;
+    stored.set_geoposition({1, 2, 3});
+    positioned.set_position({100, 0, 0});
+    frame.objects = {stored, positioned, bare};
+    addGeoLocation(frame);
+    EXPECT_DOUBLE_EQ(frame.objects[0].geoposition.latitude, 2);
+    EXPECT_TRUE(frame.objects[1].has_geoposition());
+    EXPECT_NEAR(frame.objects[1].geoposition.latitude, 100 * 9.028652746944714e-06, 1e-15);
+    EXPECT_TRUE(frame.objects[2].has_geoposition());
+    EXPECT_EQ(frame.objects[2].geoposition.latitude, 0);
+    EXPECT_EQ(frame.objects[2].geoposition.longitude, 0);
+}
+
+namespace {
+
+// A stand-in for the platform's geolocation service, served on a thread of
+// its own so that the client's synchronous GetAll can be answered.
+class FakeGeoService {
+public:
+    FakeGeoService() {
+        sd_bus_open_user(&bus_);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~FakeGeoService() {
+        stop_ = true;
+        thread_.join();
+        sd_bus_slot_unref(slot_);
+        sd_bus_flush_close_unref(bus_);
+    }
+
+    // Runs `task` on the service thread and waits for it.
+    void call(std::function<void(sd_bus*)> task) {
+        std::atomic<bool> done{false};
+        {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back([&] {
+                task(bus_);
+                done = true;
+            });
+        }
+        wait_until([&] { return done.load(); });
+    }
+
+    void publish() {
+        call([this](sd_bus* bus) {
+            sd_bus_add_object_vtable(bus, &slot_, "/com/tessel/GeoLocation1",
+                                     "com.tessel.GeoLocation1", VTABLE, this);
+            sd_bus_request_name(bus, "com.tessel.GeoLocation1", 0);
+        });
+    }
+    void withdraw() {
+        call([](sd_bus* bus) { sd_bus_release_name(bus, "com.tessel.GeoLocation1"); });
+    }
+
+    // Emits PropertiesChanged whose one entry is `key` with a double or an
+    // int32 value.
+    void emit_change(const char* key, double value, bool as_int32 = false) {
+        call([&](sd_bus* bus) {
+            sd_bus_message* m = nullptr;
+            sd_bus_message_new_signal(bus, &m, "/com/tessel/GeoLocation1",
+                                      "org.freedesktop.DBus.Properties", "PropertiesChanged");
+            sd_bus_message_append(m, "s", "com.tessel.GeoLocation1");
+            sd_bus_message_open_container(m, 'a', "{sv}");
+            if (as_int32) {
+                sd_bus_message_append(m, "{sv}", key, "i", static_cast<int32_t>(value));
+            } else {
+                sd_bus_message_append(m, "{sv}", key, "d", value);
+            }
+            sd_bus_message_close_container(m);
+            sd_bus_message_append(m, "as", 0);
+            sd_bus_send(bus, m, nullptr);
+            sd_bus_message_unref(m);
+        });
+    }
+
+    std::atomic<double> latitude{59.5}, longitude{18.25}, heading{90};
+    std::atomic<bool> valid{true};
+
+private:
+    static int get_double(sd_bus*, const char*, const char*, const char* property,
+                          sd_bus_message* reply, void* self, sd_bus_error*) {
+        auto* s = static_cast<FakeGeoService*>(self);
+        std::string name = property;
+        double value = name == "latitude" ? s->latitude.load()
+                       : name == "longitude" ? s->longitude.load()
+                                             : s->heading.load();
+        return sd_bus_message_append(reply, "d", value);
+    }
+    static int get_valid(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                         void* self, sd_bus_error*) {
+        return sd_bus_message_append(reply, "b", static_cast<FakeGeoService*>(self)->valid.load());
+    }
+    static int get_name(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                        void*, sd_bus_error*) {
+        return sd_bus_message_append(reply, "s", "gnss");
+    }
+    static constexpr sd_bus_vtable VTABLE[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_PROPERTY("latitude", "d", get_double, 0, 0),
+        SD_BUS_PROPERTY("longitude", "d", get_double, 0, 0),
+        SD_BUS_PROPERTY("source", "s", get_name, 0, 0),
+        SD_BUS_PROPERTY("heading", "d", get_double, 0, 0),
+        SD_BUS_PROPERTY("valid_pos", "b", get_valid, 0, 0),
+        SD_BUS_VTABLE_END};
+
+    void run() {
+        while (!stop_) {
+            while (sd_bus_process(bus_, nullptr) > 0) {
+            }
+            std::deque<std::function<void()>> tasks;
+            {
+                std::lock_guard lock(mutex_);
+                tasks.swap(tasks_);
+            }
+            for (auto& task : tasks) {
+                task();
+            }
+            sd_bus_wait(bus_, 10'000);
+        }
+    }
+
+    sd_bus* bus_ = nullptr;
+    sd_bus_slot* slot_ = nullptr;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::deque<std::function<void()>> tasks_;
+};
+
+class GeoLocationClient : public ::testing::Test {
+protected:
+    void SetUp() override { sd_event_new(&event_); }
+    void TearDown() override { sd_event_unref(event_); }
+
+    bool settle_until(const std::function<bool()>& condition) {
+        return wait_until(condition, std::chrono::seconds(5),
+                          [this] { sd_event_run(event_, 20'000); });
+    }
+
+    TestBus bus_;
+    sd_event* event_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(GeoLocationClient, ReadsAllPropertiesAtStart) {
+    FakeGeoService service;
+    service.publish();
+    GeoLocation client(event_);
+    EXPECT_DOUBLE_EQ(client.latitude, 59.5);
+    EXPECT_DOUBLE_EQ(client.longitude, 18.25);
+    EXPECT_DOUBLE_EQ(client.heading, 90);
+    EXPECT_TRUE(client.valid);
+    EXPECT_DOUBLE_EQ(client.lat_deg_per_metre, geo_compute_scale_factors(59.5).lat_deg_per_metre);
+    EXPECT_EQ(client.elevation, 0);
+}
+
+TEST_F(GeoLocationClient, FollowsChangesAndSkipsWrongTypes) {
+    FakeGeoService service;
+    service.publish();
+    GeoLocation client(event_);
+    double lat_factor = client.lat_deg_per_metre;
+
+    service.emit_change("heading", 45);
+    ASSERT_TRUE(settle_until([&] { return client.heading == 45; }));
+    EXPECT_DOUBLE_EQ(client.latitude, 59.5);
+    EXPECT_DOUBLE_EQ(client.longitude, 18.25);
+
+    service.emit_change("latitude", 7, true);
+    service.emit_change("longitude", 19);
+    ASSERT_TRUE(settle_until([&] { return client.longitude == 19; }));
+    EXPECT_DOUBLE_EQ(client.latitude, 59.5);
+    EXPECT_DOUBLE_EQ(client.lat_deg_per_metre, lat_factor);
+}
+
+TEST_F(GeoLocationClient, MissingServiceIsHarmlessAndArrivalIsFollowed) {
+    StderrCapture log;
+    GeoLocation client(event_);
+    EXPECT_EQ(client.valid, false);
+    EXPECT_EQ(log.count("<3>initProperties: sd_bus_call_method: "), 1);
+
+    FakeGeoService service;
+    service.publish();
+    ASSERT_TRUE(settle_until([&] { return client.valid.load(); }));
+    EXPECT_DOUBLE_EQ(client.latitude, 59.5);
+
+    // Leaving the bus keeps the last values; coming back re-reads them.
+    service.withdraw();
+    service.latitude = 10;
+    service.valid = false;
+    for (int i = 0; i < 5; ++i) {
+        sd_event_run(event_, 20'000);
+    }
+    EXPECT_DOUBLE_EQ(client.latitude, 59.5);
+    EXPECT_TRUE(client.valid);
+    service.publish();
+    ASSERT_TRUE(settle_until([&] { return client.latitude == 10; }));
+    EXPECT_FALSE(client.valid);
+}

@@ -1,0 +1,326 @@
+#include "serializescene/serializescene.h"
+#include "support/fakedevice.h"
+#include "support/testutil.h"
+
+#include <gtest/gtest.h>
+
+using namespace RadarScene;
+
+namespace {
+
+Scene decode(const std::string& bytes) {
+    Scene scene;
+    EXPECT_TRUE(scene.ParseFromString(bytes));
+    return scene;
+}
+
+std::string serialize(const Frame& frame, const SerializeFrameOptions& options = {}) {
+    std::string out = "stale";
+    serializeFrame(out, frame, options);
+    return out;
+}
+
+FrameObject classified(int id, std::vector<int> classes) {
+    FrameObject o;
+    o.id = id;
+    std::vector<Classification> cs;
+    for (int c : classes) {
+        cs.push_back({c, std::nullopt});
+    }
+    o.set_classifications(cs);
+    return o;
+}
+
+SerializeFrameOptions all_options() {
+    SerializeFrameOptions options;
+    options.bounding_box = options.polygon = options.velocity = options.geolocation = true;
+    return options;
+}
+
+}  // namespace
+
+TEST(SerializeFrame, EmptyFrameCarriesOnlyTimeEvenWhenZero) {
+    Frame frame;
+    std::string bytes = serialize(frame);
+    EXPECT_EQ(wire_fields(bytes), "1");
+    frame.time = 123456789012345ull;
+    EXPECT_EQ(decode(serialize(frame)).time(), 123456789012345ull);
+}
+
+TEST(SerializeFrame, ZeroValuedHasOneofFieldsStayOnTheWire) {
+    Frame frame;
+    FrameObject o;  // id 0, position all zero
+    o.set_position({0, 0, 0});
+    frame.objects.push_back(o);
+    std::string object = wire_submessage(serialize(frame), 3);
+    EXPECT_EQ(wire_fields(object), "1,7");
+    EXPECT_EQ(wire_fields(wire_submessage(object, 7)), "3");  // x, y plain; z present at 0
+}
+
+TEST(SerializeFrame, DefaultObjectCarriesOnlyId) {
+    Frame frame;
+    FrameObject o;
+    o.id = 42;
+    frame.objects.push_back(o);
+    std::string object = wire_submessage(serialize(frame, all_options()), 3);
+    EXPECT_EQ(wire_fields(object), "1");
+}
+
+TEST(SerializeFrame, FrameLevelStatusOrientationAndParameterNote) {
+    Frame frame;
+    frame.time = 7;
+    frame.status = RadarStatus{true, false, {{"overheat", 12, true}, {"blocked", -3, false}}};
+    frame.orientation = RadarOrientation{0.25, -1.5};
+    frame.param_changed = "range";
+    Scene scene = decode(serialize(frame));
+    ASSERT_TRUE(scene.has_status());
+    EXPECT_TRUE(scene.status().enabled());
+    EXPECT_FALSE(scene.status().prerecorded());
+    ASSERT_EQ(scene.status().failures_size(), 2);
+    EXPECT_EQ(scene.status().failures(1).name(), "blocked");
+    EXPECT_EQ(scene.status().failures(1).id(), -3);
+    EXPECT_TRUE(scene.status().failures(0).state());
+    EXPECT_DOUBLE_EQ(scene.orientation().tilt(), 0.25);
+    EXPECT_DOUBLE_EQ(scene.orientation().roll(), -1.5);
+    EXPECT_EQ(scene.param_changed(), "range");
+    EXPECT_FALSE(scene.has_real_time());
+
+    // An empty status and orientation are still present on the wire.
+    Frame bare;
+    bare.status = RadarStatus{};
+    bare.orientation = RadarOrientation{};
+    bare.param_changed = "";
+    EXPECT_EQ(wire_fields(serialize(bare)), "1,5,6,7");
+}
+
+TEST(SerializeFrame, OptionsGateBoxPolygonVelocityButNotTheRest) {
+    FrameObject o;
+    o.id = 1;
+    o.set_bounding_box({1, 2, 3, 4});
+    o.set_polygon({{1.5, 2.5}, {3, 4}});
+    o.set_velocity({1, 2});
+    o.set_confidence(0.5);
+    o.set_position({1, 2, 3});
+    o.set_area(9);
+    o.set_covariance({1, 0, 0, 1});
+    o.set_classifications({{4, 0.75}, {5, std::nullopt}});
+    Frame frame;
+    frame.objects.push_back(o);
+
+    Object none = decode(serialize(frame)).objects(0);
+    EXPECT_FALSE(none.has_bounding_box() || none.has_polygon() || none.has_velocity() ||
+                 none.has_velocity3d() || none.has_geoposition());
+    EXPECT_FLOAT_EQ(none.confidence(), 0.5f);
+    EXPECT_FLOAT_EQ(none.position().z(), 3.0f);
+    EXPECT_FLOAT_EQ(none.area(), 9.0f);
+    ASSERT_EQ(none.covariance().elements_size(), 4);
+    ASSERT_EQ(none.labels().labels_size(), 2);
+    EXPECT_EQ(none.labels().labels(0).id(), 4u);
+    EXPECT_FLOAT_EQ(none.labels().labels(0).confidence(), 0.75f);
+    EXPECT_FALSE(none.labels().labels(1).has_confidence());
+    EXPECT_FALSE(none.labels().labels(1).has_name());
+
+    SerializeFrameOptions options;
+    options.bounding_box = options.polygon = true;
+    Object all = decode(serialize(frame, options)).objects(0);
+    EXPECT_FLOAT_EQ(all.bounding_box().left(), 1);
+    EXPECT_FLOAT_EQ(all.bounding_box().top(), 6);
+    EXPECT_FLOAT_EQ(all.bounding_box().right(), 4);
+    EXPECT_FLOAT_EQ(all.bounding_box().bottom(), 2);
+    ASSERT_EQ(all.polygon().points_size(), 2);
+    EXPECT_FLOAT_EQ(all.polygon().points(0).x(), 1.5f);
+    EXPECT_FALSE(all.polygon().points(0).has_z());
+}
+
+TEST(SerializeFrame, VelocityMappings) {
+    SerializeFrameOptions options;
+    options.velocity = true;
+    auto velocities = [&](const FrameObject& o) {
+        Frame frame;
+        frame.objects.push_back(o);
+        return decode(serialize(frame, options)).objects(0);
+    };
+
+    FrameObject both;
+    both.set_velocity({1, 2});
+    both.set_velocity3d({3, 4, 5});
+    Object b = velocities(both);
+    EXPECT_FLOAT_EQ(b.velocity().vx(), 1);
+    EXPECT_FALSE(b.velocity().has_vz());
+    EXPECT_FLOAT_EQ(b.velocity3d().vz(), 5);
+
+    FrameObject flat;
+    flat.set_velocity({1, 2});
+    Object f = velocities(flat);
+    EXPECT_FALSE(f.velocity().has_vz());
+    EXPECT_FALSE(f.has_velocity3d());
+
+    FrameObject only3d;
+    only3d.set_velocity3d({3, 4, 0});
+    Object t = velocities(only3d);
+    EXPECT_FLOAT_EQ(t.velocity().vx(), 3);
+    EXPECT_TRUE(t.velocity().has_vz());
+    EXPECT_FALSE(t.has_velocity3d());
+}
+
+TEST(SerializeFrame, ClassFilterDropsSingleClassObjectsUnlessRaw) {
+    Frame frame;
+    frame.objects.push_back(classified(1, {3}));
+    frame.objects.push_back(classified(2, {3, 4}));
+    frame.objects.push_back(classified(3, {40}));
+    frame.objects.push_back(classified(4, {2}));
+    FrameObject unclassified;
+    unclassified.id = 5;
+    frame.objects.push_back(unclassified);
+
+    SerializeFrameOptions options;
+    options.filtered_classes = 1u << 3;
+    Scene filtered = decode(serialize(frame, options));
+    ASSERT_EQ(filtered.objects_size(), 4);
+    EXPECT_EQ(filtered.objects(0).id(), 2u);
+
+    options.raw = true;
+    EXPECT_EQ(decode(serialize(frame, options)).objects_size(), 5);
+
+    options = {};
+    options.filtered_classes = 0xffffffffu;
+    Scene everything_filtered = decode(serialize(frame, options));
+    ASSERT_EQ(everything_filtered.objects_size(), 3);
+    EXPECT_EQ(everything_filtered.objects(1).id(), 3u);  // class 40 is never filtered
+}
+
+TEST(SerializeFrame, GeopositionFromStoredValueOrValidDevice) {
+    FrameObject stored;
+    stored.id = 1;
+    stored.set_geoposition({12.5, 10.123456789, -20.5});
+    FrameObject projected;
+    projected.id = 2;
+    projected.set_position({100, 0, 0});
+    Frame frame;
+    frame.objects = {stored, projected};
+    SerializeFrameOptions options;
+    options.geolocation = true;
+
+    install_device(0, 0, 0, false);
+    Scene invalid = decode(serialize(frame, options));
+    ASSERT_TRUE(invalid.objects(0).has_geoposition());
+    const GeoPosition& g = invalid.objects(0).geoposition();
+    EXPECT_DOUBLE_EQ(g.dlat(), 10.123456789);
+    EXPECT_FLOAT_EQ(g.lat(), 10.123456789f);
+    EXPECT_DOUBLE_EQ(g.dlon(), -20.5);
+    EXPECT_FLOAT_EQ(g.elevation(), 12.5f);
+    EXPECT_FALSE(invalid.objects(1).has_geoposition());
+
+    install_device(0, 0, 0, true);
+    Scene valid = decode(serialize(frame, options));
+    ASSERT_TRUE(valid.objects(1).has_geoposition());
+    EXPECT_GT(valid.objects(1).geoposition().dlat(), 0.0008);
+    EXPECT_NEAR(valid.objects(1).geoposition().dlon(), 0, 1e-12);
+
+    // A zero projection still marks dlat and dlon present.
+    FrameObject at_device;
+    at_device.set_position({0, 0, 0});
+    Frame still;
+    still.objects = {at_device};
+    std::string geo = wire_submessage(wire_submessage(serialize(still, options), 3), 11);
+    EXPECT_EQ(wire_fields(geo), "4,5");
+}
+
+TEST(SerializeFrameDeathTest, NegativeObjectIdAborts) {
+    Frame frame;
+    FrameObject o;
+    o.id = -1;
+    frame.objects.push_back(o);
+    std::string out;
+    EXPECT_DEATH(serializeFrame(out, frame, {}), "o.id >= 0");
+}
+
+TEST(DeserializeFrame, EmptyAndUnparsableInput) {
+    Frame empty = deserializeFrame("");
+    EXPECT_EQ(empty.time, 0u);
+    EXPECT_TRUE(empty.objects.empty());
+    EXPECT_FALSE(empty.status || empty.orientation || empty.param_changed);
+
+    Scene scene;
+    scene.set_time(99);
+    scene.add_objects()->set_id(5);
+    std::string bytes = scene.SerializeAsString();
+    bytes += "\xff\xff\xff";  // garbage after valid fields
+    Frame partial = deserializeFrame(bytes);
+    EXPECT_EQ(partial.time, 99u);
+}
+
+TEST(DeserializeFrame, HandBuiltSceneMapsBack) {
+    Scene scene;
+    scene.set_time(5);
+    scene.set_param_changed("mode");
+    scene.mutable_orientation()->set_roll(2);
+    scene.mutable_status()->add_failures()->set_name("f");
+    scene.add_objects();  // no id: stays a default object
+    Object* o = scene.add_objects();
+    o->set_id(7);
+    o->set_confidence(0.5f);
+    auto* box = o->mutable_bounding_box();
+    box->set_left(1), box->set_top(6), box->set_right(4), box->set_bottom(2);
+    auto* v = o->mutable_velocity();
+    v->set_vx(1), v->set_vy(2), v->set_vz(3);
+    auto* p = o->mutable_position();
+    p->set_x(4), p->set_y(5), p->set_z(6);
+    auto* point = o->mutable_polygon()->add_points();
+    point->set_x(1), point->set_y(2), point->set_z(3);
+    auto* label = o->mutable_labels()->add_labels();
+    label->set_id(4);
+    o->mutable_labels()->add_labels()->set_confidence(0.25f);
+    o->set_area(3);
+    o->mutable_covariance()->add_elements(1.5f);
+    o->mutable_geoposition()->set_lat(10.5f);
+    o->mutable_geoposition()->set_dlon(20.123456789);
+
+    Frame frame = deserializeFrame(scene.SerializeAsString());
+    EXPECT_EQ(frame.time, 5u);
+    EXPECT_EQ(frame.param_changed, "mode");
+    EXPECT_DOUBLE_EQ(frame.orientation->roll, 2);
+    EXPECT_EQ(frame.status->failures.at(0).name, "f");
+    ASSERT_EQ(frame.objects.size(), 2u);
+    EXPECT_EQ(frame.objects[0].present.none(), true);
+    const FrameObject& f = frame.objects[1];
+    EXPECT_EQ(f.id, 7);
+    EXPECT_TRUE(f.has_confidence());
+    EXPECT_DOUBLE_EQ(f.bounding_box.x, 1);
+    EXPECT_DOUBLE_EQ(f.bounding_box.y, 2);
+    EXPECT_DOUBLE_EQ(f.bounding_box.width, 3);
+    EXPECT_DOUBLE_EQ(f.bounding_box.height, 4);
+    EXPECT_FALSE(f.has_velocity());
+    ASSERT_TRUE(f.has_velocity3d());
+    EXPECT_DOUBLE_EQ(f.velocity3d.vz, 3);
+    EXPECT_DOUBLE_EQ(f.position.z, 6);
+    ASSERT_EQ(f.polygon.size(), 1u);
+    EXPECT_DOUBLE_EQ(f.polygon[0][1], 2);
+    ASSERT_EQ(f.classifications.size(), 2u);
+    EXPECT_EQ(f.classifications[0].id, 4);
+    EXPECT_FALSE(f.classifications[0].confidence);
+    EXPECT_DOUBLE_EQ(*f.classifications[1].confidence, 0.25);
+    EXPECT_DOUBLE_EQ(f.area, 3);
+    EXPECT_EQ(f.covariance, std::vector<double>{1.5});
+    EXPECT_DOUBLE_EQ(f.geoposition.latitude, 10.5);
+    EXPECT_DOUBLE_EQ(f.geoposition.longitude, 20.123456789);
+}
+
+TEST(DeserializeFrameDeathTest, BrokenVelocityAndPositionRulesAbort) {
+    Scene flat;
+    flat.add_objects()->mutable_velocity()->set_vx(1);
+    flat.mutable_objects(0)->set_id(1);
+    EXPECT_DEATH(deserializeFrame(flat.SerializeAsString()), "pbo.velocity\\(\\).has_vz\\(\\)");
+
+    Scene both;
+    Object* o = both.add_objects();
+    o->set_id(1);
+    o->mutable_velocity()->set_vz(1);
+    o->mutable_velocity3d()->set_vz(1);
+    EXPECT_DEATH(deserializeFrame(both.SerializeAsString()), "!pbo.has_velocity3d\\(\\)");
+
+    Scene position;
+    position.add_objects()->set_id(1);
+    position.mutable_objects(0)->mutable_position()->set_x(1);
+    EXPECT_DEATH(deserializeFrame(position.SerializeAsString()), "pbo.position\\(\\).has_z\\(\\)");
+}

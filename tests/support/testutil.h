@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+// Polls `condition` until it holds or `timeout` passes; `step` runs between
+// polls (for example one round of an event loop).
+bool wait_until(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(5),
+                const std::function<void()>& step = {});
+
+// Redirects standard error into a file while it lives, so that tests can
+// check the log lines the library writes.
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+
+    std::string text() const;
+    int count(const std::string& needle) const;
+
+private:
+    int saved_fd_ = -1;
+    std::string path_;
+};
+
+// Field numbers present at the top level of protobuf bytes, in wire order.
+std::string wire_fields(const std::string& bytes);
+// The bytes of the first length-delimited field `number`, or "" when absent.
+std::string wire_submessage(const std::string& bytes, int number, int index = 0);
