@@ -2,7 +2,9 @@
 
 #include <google/protobuf/unknown_field_set.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -79,4 +81,42 @@ std::string wire_submessage(const std::string& bytes, int number, int index) {
         }
     }
     return "";
+}
+
+namespace {
+
+bool read_exactly(int fd, char* out, size_t size, std::chrono::milliseconds timeout) {
+    size_t done = 0;
+    while (done < size) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) {
+            return false;
+        }
+        ssize_t n = read(fd, out + done, size - done);
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool read_record(int fd, std::string& payload, std::chrono::milliseconds timeout) {
+    uint32_t header;
+    if (!read_exactly(fd, reinterpret_cast<char*>(&header), sizeof(header), timeout)) {
+        return false;
+    }
+    uint32_t length = ntohl(header);
+    if (length < sizeof(header)) {
+        return false;
+    }
+    payload.resize(length - sizeof(header));
+    return read_exactly(fd, payload.data(), payload.size(), timeout);
+}
+
+bool nothing_to_read(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 0;
 }

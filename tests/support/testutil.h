@@ -27,6 +27,13 @@ private:
     std::string path_;
 };
 
+// Reads one length-prefixed scene record from a subscriber socket. Returns
+// false on end of stream or when nothing arrives within `timeout`.
+bool read_record(int fd, std::string& payload,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
+// True when nothing is readable on `fd` right now.
+bool nothing_to_read(int fd);
+
 // Field numbers present at the top level of protobuf bytes, in wire order.
 std::string wire_fields(const std::string& bytes);
 // The bytes of the first length-delimited field `number`, or "" when absent.

@@ -1,0 +1,149 @@
+#include "scenesender/scenesender.h"
+
+#include "common/fdio.h"
+#include "common/log.h"
+#include "common/rs_assert.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr timeval SEND_TIMEOUT = {1, 0};
+
+RadarScene::SerializeFrameOptions session_options(const session_t& session,
+                                                  unsigned long raw_mask) {
+    RadarScene::SerializeFrameOptions options;
+    options.bounding_box = session.option1;
+    options.polygon = session.option2;
+    options.velocity = session.option3;
+    options.geolocation = session.option4;
+    options.raw = session.option5;
+    options.filtered_classes = static_cast<uint32_t>(raw_mask);
+    return options;
+}
+
+// One record on the stream: the big-endian length, which counts itself,
+// then the payload, handed to the kernel in one gathered write.
+int write_record(int fd, const std::string& payload) {
+    uint32_t header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
+    iovec buffers[2] = {{&header, sizeof(header)},
+                        {const_cast<char*>(payload.data()), payload.size()}};
+    return writev_all(fd, buffers, 2, nullptr);
+}
+
+const char* comm_or_unknown(const session_t& session) {
+    return session.comm ? session.comm : "(unknown)";
+}
+
+}  // namespace
+
+void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback) {
+    sender.session_error_callback = std::move(callback);
+}
+
+int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>& session,
+                             unique_fd& subscriber_fd) {
+    std::lock_guard lock(sender.mutex);
+    RS_ASSERT(session);
+    subscriber_fd.reset();
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) < 0) {
+        log_error("Failed create sockets: %s", strerror(errno));
+        return -1;
+    }
+    unique_fd own_end(fds[0]);
+    unique_fd peer_end(fds[1]);
+    if (setsockopt(own_end.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof(SEND_TIMEOUT)) <
+        0) {
+        log_error("Failed to set socket timeout: %s", strerror(errno));
+        return -1;
+    }
+    session_set_fd(*session, std::move(own_end));
+    subscriber_fd = std::move(peer_end);
+    sender.session_list.push_back(std::move(session));
+    return 0;
+}
+
+bool scene_sender_remove_session(scene_sender_t& sender, int id) {
+    std::lock_guard lock(sender.mutex);
+    for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
+        if (session_get_id(**it) == id) {
+            sender.session_list.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+int scene_sender_get_num_sessions(const scene_sender_t& sender) {
+    std::lock_guard lock(sender.mutex);
+    RS_ASSERT(sender.session_list.size() <= INT_MAX);
+    return static_cast<int>(sender.session_list.size());
+}
+
+void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
+                       unsigned long raw_mask) {
+    bool any_broke = false;
+    {
+        std::lock_guard lock(sender.mutex);
+        for (auto& session_ptr : sender.session_list) {
+            RS_ASSERT(session_ptr);
+            session_t& session = *session_ptr;
+            if (session.state == SESSION_STATE_BROKEN || session.state == SESSION_STATE_CLOSED) {
+                continue;
+            }
+            std::string payload;
+            RadarScene::serializeFrame(payload, frame, session_options(session, raw_mask));
+            int r = write_record(session_get_fd(session), payload);
+            if (r < 0) {
+                session.error = -r;
+                session_set_state(session, SESSION_STATE_BROKEN);
+                any_broke = true;
+            }
+        }
+    }
+    if (any_broke) {
+        cleanup_broken_sessions(sender);
+    }
+}
+
+int cleanup_broken_sessions(scene_sender_t& sender) {
+    // Only this thread marks sessions broken and only the event loop removes
+    // them, so the count read here bounds the ids collected below.
+    std::vector<int> ids;
+    ids.reserve(static_cast<size_t>(scene_sender_get_num_sessions(sender)));
+    {
+        std::lock_guard lock(sender.mutex);
+        for (auto& session_ptr : sender.session_list) {
+            session_t& session = *session_ptr;
+            if (session.state != SESSION_STATE_BROKEN) {
+                continue;
+            }
+            session_set_state(session, SESSION_STATE_CLOSED);
+            ids.push_back(session.id);
+            if (session.error == EPIPE) {
+                log_info("Session closed: %d (pid: %u, comm: %s)", session.id, session.pid,
+                         comm_or_unknown(session));
+            } else {
+                log_warning("Broken session: %d (pid: %u, comm: %s): %s", session.id,
+                            session.pid, comm_or_unknown(session), strerror(session.error));
+            }
+        }
+    }
+    if (!ids.empty()) {
+        for (int id : ids) {
+            if (sender.session_error_callback) {
+                sender.session_error_callback(id);
+            }
+        }
+        log_info("Cleaned up %d broken sessions", static_cast<int>(ids.size()));
+    }
+    return static_cast<int>(ids.size());
+}

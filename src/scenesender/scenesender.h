@@ -1,0 +1,42 @@
+#pragma once
+
+#include "common/unique_fd.h"
+#include "session/session.h"
+
+#include <radarscene/RadarScene.h>
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+
+// The sessions of one channel and the writing of scenes to them. `mutex`
+// guards the list and every session in it; it is the innermost of the
+// distribution locks (after the handler's sessions mutex and the channel's).
+struct scene_sender_t {
+    std::list<std::unique_ptr<session_t>> session_list;
+    mutable std::mutex mutex;
+    std::function<void(int)> session_error_callback;
+};
+
+void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback);
+
+// Creates the socket pair of a new subscriber. On success (0) the list owns
+// the session and `subscriber_fd` holds the subscriber's end; on failure (-1)
+// `subscriber_fd` is empty and the session stays with the caller.
+int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>& session,
+                             unique_fd& subscriber_fd);
+
+// Removes and destroys the first session with `id`, closing its socket.
+bool scene_sender_remove_session(scene_sender_t& sender, int id);
+
+int scene_sender_get_num_sessions(const scene_sender_t& sender);
+
+// Writes `frame` to every healthy session, serialized with that session's
+// options and `raw_mask` as the class filter. Sessions whose write fails are
+// marked broken, reported once and passed to the error callback.
+void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
+                       unsigned long raw_mask);
+
+// Reports and closes the sessions newly marked broken; returns their number.
+int cleanup_broken_sessions(scene_sender_t& sender);

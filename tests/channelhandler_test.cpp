@@ -1,0 +1,158 @@
+#include "channelhandler/channelhandler.h"
+#include "support/testutil.h"
+
+#include <radarscene/scene.pb.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <vector>
+
+namespace {
+
+class ChannelHandler : public ::testing::Test {
+protected:
+    ChannelHandler() : handler(channel_handler_create()) {
+        channel_handler_create_channel(*handler, 0);
+        channel_handler_create_channel(*handler, 3);
+    }
+
+    int subscribe(int channel, unique_fd* fd_out = nullptr, subscription_options_t options = {}) {
+        unique_fd fd(-1);
+        int id = -1;
+        int r = channel_handler_add_session(*handler, channel, static_cast<unsigned>(getpid()),
+                                            options, fd, id);
+        if (r == 0 && fd_out) {
+            *fd_out = std::move(fd);
+        }
+        return r == 0 ? id : r;
+    }
+
+    uint32_t queued_broken() {
+        std::lock_guard lock(handler->broken_sessions_mutex);
+        return handler->broken_sessions.count;
+    }
+
+    std::unique_ptr<channel_handler_t> handler;
+};
+
+}  // namespace
+
+TEST_F(ChannelHandler, InvalidChannelsAreRefused) {
+    StderrCapture log;
+    EXPECT_EQ(subscribe(16), -3);
+    EXPECT_EQ(subscribe(-1), -3);
+    EXPECT_EQ(subscribe(1), -3);
+    EXPECT_EQ(log.count("<3>Channel id 16 is not valid\n"), 1);
+    EXPECT_EQ(log.count("<3>Channel id -1 is not valid\n"), 1);
+    EXPECT_EQ(subscribe(0), 0);  // refusals consumed no id
+}
+
+TEST_F(ChannelHandler, SessionLimitAndIdsThatAreNeverReused) {
+    StderrCapture log;
+    std::vector<unique_fd> fds(MAX_ACTIVE_SESSION_IDS);
+    for (int i = 0; i < MAX_ACTIVE_SESSION_IDS; ++i) {
+        ASSERT_EQ(subscribe(i % 2 ? 0 : 3, &fds[i]), i);
+    }
+    EXPECT_EQ(subscribe(0), -4);
+    EXPECT_EQ(log.count("<3>Can't add session since maximum number of sessions is reached\n"), 1);
+    EXPECT_EQ(channel_handler_remove_session(*handler, 5), 0);
+    EXPECT_EQ(handler->n_sessions, MAX_ACTIVE_SESSION_IDS - 1);
+    EXPECT_EQ(subscribe(0), MAX_ACTIVE_SESSION_IDS);
+}
+
+TEST_F(ChannelHandler, UnknownSessionIsLoggedNotAnError) {
+    StderrCapture log;
+    EXPECT_EQ(channel_handler_remove_session(*handler, 77), 0);
+    EXPECT_EQ(log.count("<6>The session with session id 77 was not found\n"), 1);
+}
+
+TEST_F(ChannelHandler, PipelineLivesExactlyWhileTheChannelHasSessions) {
+    channel_t& channel = *handler->channels[0];
+    EXPECT_FALSE(has_pipeline(channel));
+    int a = subscribe(0), b = subscribe(0);
+    ASSERT_TRUE(has_pipeline(channel));
+    channel_handler_remove_session(*handler, a);
+    EXPECT_TRUE(has_pipeline(channel));
+    channel_handler_remove_session(*handler, b);
+    EXPECT_FALSE(has_pipeline(channel));
+    unique_fd again;
+    subscribe(0, &again);
+    ASSERT_TRUE(has_pipeline(channel));
+    EXPECT_EQ(channel.scene_pipeline->scene_sink->state, SINK_STATE_RUNNING);
+    channel_handler_push(*handler, 0, RadarScene::Frame{}, 0);
+    std::string payload;
+    EXPECT_TRUE(read_record(again.get(), payload));
+    EXPECT_FALSE(has_pipeline(*handler->channels[3]));
+}
+
+TEST_F(ChannelHandler, PushReachesSubscribersOfThatChannelOnly) {
+    unique_fd on0, boxed0, on3;
+    subscription_options_t boxed;
+    boxed.bounding_box = true;
+    subscribe(0, &on0);
+    subscribe(0, &boxed0, boxed);
+    subscribe(3, &on3);
+    RadarScene::Frame frame;
+    frame.time = 21;
+    RadarScene::FrameObject o;
+    o.set_bounding_box({0, 0, 1, 1});
+    frame.objects.push_back(o);
+    channel_handler_push(*handler, 0, frame, 0);
+    channel_handler_push(*handler, 1, frame, 0);  // never created: ignored
+
+    std::string payload;
+    RadarScene::Scene scene;
+    ASSERT_TRUE(read_record(on0.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_FALSE(scene.objects(0).has_bounding_box());
+    ASSERT_TRUE(read_record(boxed0.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_EQ(scene.time(), 21u);
+    EXPECT_TRUE(scene.objects(0).has_bounding_box());
+    EXPECT_TRUE(nothing_to_read(on3.get()));
+}
+
+TEST_F(ChannelHandler, ClosedSubscriberIsRemovedByTheClearStep) {
+    StderrCapture log;
+    unique_fd closed, alive;
+    int closed_id = subscribe(0, &closed);
+    subscribe(0, &alive);
+    closed.reset();
+    RadarScene::Frame frame;
+    channel_handler_push(*handler, 0, frame, 0);
+    ASSERT_TRUE(wait_until([&] { return queued_broken() == 1; }));
+    EXPECT_EQ(log.count("Session closed: " + std::to_string(closed_id) + " "), 1);
+    EXPECT_EQ(handler->n_sessions, 2);
+
+    EXPECT_EQ(channel_handler_clear_broken_sessions(*handler), 1);
+    EXPECT_EQ(handler->n_sessions, 1);
+    EXPECT_EQ(queued_broken(), 0u);
+    EXPECT_EQ(channel_handler_clear_broken_sessions(*handler), 0);
+    EXPECT_TRUE(has_pipeline(*handler->channels[0]));
+}
+
+TEST_F(ChannelHandler, FullBrokenQueueIsRefusedByTheClearStep) {
+    StderrCapture log;
+    for (int i = 0; i < MAX_ACTIVE_SESSION_IDS; ++i) {
+        on_session_error(*handler, i);
+    }
+    EXPECT_EQ(channel_handler_clear_broken_sessions(*handler), -1);
+    EXPECT_EQ(log.count("<3>n_sessions is out of range: 32. Not able to clear broken sessions\n"),
+              1);
+    EXPECT_EQ(queued_broken(), 32u);
+}
+
+TEST(ChannelHandlerDeathTest, MisuseAborts) {
+    auto handler = channel_handler_create();
+    channel_handler_create_channel(*handler, 2);
+    EXPECT_DEATH(channel_handler_create_channel(*handler, 2),
+                 "!handler.channels\\[channel_index\\] && \"Channel already created!\"");
+    EXPECT_DEATH(channel_handler_create_channel(*handler, MAX_CHANNELS),
+                 "channel_index >= 0 && channel_index < MAX_CHANNELS");
+    for (int i = 0; i < MAX_ACTIVE_SESSION_IDS; ++i) {
+        on_session_error(*handler, i);
+    }
+    EXPECT_DEATH(on_session_error(*handler, 99),
+                 "handler.broken_sessions.count < MAX_ACTIVE_SESSION_IDS");
+}

@@ -1,0 +1,155 @@
+#include "scenesender/scenesender.h"
+#include "support/testutil.h"
+
+#include <radarscene/scene.pb.h>
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <vector>
+
+namespace {
+
+std::unique_ptr<session_t> make_session(int id, bool bounding_box) {
+    auto session = std::make_unique<session_t>();
+    session_set_option1(*session, bounding_box);
+    session_set_id(*session, id);
+    session_set_pid(*session, static_cast<unsigned>(getpid()));
+    session_set_state(*session, SESSION_STATE_ACTIVE);
+    return session;
+}
+
+RadarScene::Frame boxed_frame(uint64_t time, size_t objects = 1) {
+    RadarScene::Frame frame;
+    frame.time = time;
+    for (size_t i = 0; i < objects; ++i) {
+        RadarScene::FrameObject o;
+        o.id = static_cast<int32_t>(i);
+        o.set_bounding_box({1, 2, 3, 4});
+        o.set_covariance(std::vector<double>(16, 0.5));
+        frame.objects.push_back(o);
+    }
+    return frame;
+}
+
+class SceneSender : public ::testing::Test {
+protected:
+    SceneSender() {
+        scene_sender_set_error_callback(sender, [this](int id) { reported.push_back(id); });
+    }
+
+    unique_fd subscribe(int id, bool bounding_box = false) {
+        auto session = make_session(id, bounding_box);
+        unique_fd peer;
+        EXPECT_EQ(scene_sender_add_session(sender, session, peer), 0);
+        EXPECT_FALSE(session);
+        return peer;
+    }
+
+    scene_sender_t sender;
+    std::vector<int> reported;
+};
+
+}  // namespace
+
+TEST_F(SceneSender, WritesOneLengthPrefixedRecordPerSession) {
+    unique_fd peer = subscribe(0);
+    RadarScene::Frame frame;  // time 0: payload is the two bytes 08 00
+    scene_sender_send(sender, frame, 0);
+    char bytes[16];
+    ASSERT_EQ(read(peer.get(), bytes, sizeof(bytes)), 6);
+    EXPECT_EQ(std::string(bytes, 6), std::string("\x00\x00\x00\x06\x08\x00", 6));
+}
+
+TEST_F(SceneSender, SessionsGetPayloadsShapedByTheirOwnOptions) {
+    unique_fd plain = subscribe(0, false);
+    unique_fd boxed = subscribe(1, true);
+    EXPECT_EQ(scene_sender_get_num_sessions(sender), 2);
+    scene_sender_send(sender, boxed_frame(77), 0);
+
+    std::string payload;
+    RadarScene::Scene scene;
+    ASSERT_TRUE(read_record(plain.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_EQ(scene.time(), 77u);
+    EXPECT_FALSE(scene.objects(0).has_bounding_box());
+    ASSERT_TRUE(read_record(boxed.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_TRUE(scene.objects(0).has_bounding_box());
+}
+
+TEST_F(SceneSender, RawMaskFiltersClassesPerSend) {
+    unique_fd peer = subscribe(0);
+    RadarScene::Frame frame;
+    RadarScene::FrameObject o;
+    o.set_classifications({{2, std::nullopt}});
+    frame.objects.push_back(o);
+    std::string payload;
+    RadarScene::Scene scene;
+
+    scene_sender_send(sender, frame, 1ul << 2);
+    ASSERT_TRUE(read_record(peer.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_EQ(scene.objects_size(), 0);
+    scene_sender_send(sender, frame, 0);
+    ASSERT_TRUE(read_record(peer.get(), payload));
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_EQ(scene.objects_size(), 1);
+}
+
+TEST_F(SceneSender, ClosedPeerIsReportedOnceAndOthersStillReceive) {
+    StderrCapture log;
+    unique_fd closed = subscribe(4);
+    unique_fd alive = subscribe(5);
+    closed.reset();
+    scene_sender_send(sender, boxed_frame(1), 0);
+    scene_sender_send(sender, boxed_frame(2), 0);
+
+    EXPECT_EQ(reported, std::vector<int>{4});
+    std::string comm = session_get_comm(*sender.session_list.front());
+    EXPECT_EQ(log.count("<6>Session closed: 4 (pid: " + std::to_string(getpid()) +
+                        ", comm: " + comm + ")\n"),
+              1);
+    EXPECT_EQ(log.count("<6>Cleaned up 1 broken sessions\n"), 1);
+    EXPECT_EQ(session_get_state(*sender.session_list.front()), SESSION_STATE_CLOSED);
+    EXPECT_EQ(scene_sender_get_num_sessions(sender), 2);  // removal is the handler's job
+
+    std::string payload;
+    EXPECT_TRUE(read_record(alive.get(), payload));
+    EXPECT_TRUE(read_record(alive.get(), payload));
+    EXPECT_TRUE(scene_sender_remove_session(sender, 4));
+    EXPECT_FALSE(scene_sender_remove_session(sender, 4));
+}
+
+TEST_F(SceneSender, SeveralSessionsBreakingInOneSendGiveOneSummary) {
+    StderrCapture log;
+    unique_fd a = subscribe(0), b = subscribe(1);
+    a.reset();
+    b.reset();
+    scene_sender_send(sender, boxed_frame(1), 0);
+    EXPECT_EQ(reported, (std::vector<int>{0, 1}));
+    EXPECT_EQ(log.count("<6>Cleaned up 2 broken sessions\n"), 1);
+}
+
+TEST_F(SceneSender, PeerThatStopsReadingBreaksAfterTheSendTimeout) {
+    StderrCapture log;
+    unique_fd stalled = subscribe(9);
+    auto session = sender.session_list.front().get();
+    session_set_pid(*session, 0x7fffffff);  // no such process: comm is unknown
+    RadarScene::Frame big = boxed_frame(1, 200);
+    for (int i = 0; i < 1000 && reported.empty(); ++i) {
+        scene_sender_send(sender, big, 0);
+    }
+    ASSERT_EQ(reported, std::vector<int>{9});
+    EXPECT_EQ(session->error, EAGAIN);
+    EXPECT_EQ(log.count("<4>Broken session: 9 (pid: 2147483647, comm: (unknown)): " +
+                        std::string(strerror(EAGAIN)) + "\n"),
+              1);
+}
+
+TEST_F(SceneSender, NoSessionMeansNothingIsWritten) {
+    scene_sender_send(sender, boxed_frame(1), 0);
+    EXPECT_EQ(scene_sender_get_num_sessions(sender), 0);
+    EXPECT_TRUE(reported.empty());
+}

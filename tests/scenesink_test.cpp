@@ -1,0 +1,167 @@
+#include "scenesender/scenesender.h"
+#include "scenesink/scenesink.h"
+#include "support/testutil.h"
+
+#include <radarscene/scene.pb.h>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+// A sink over a real sender with one subscriber. Holding the sender's mutex
+// blocks the worker inside its send, which makes the hand-off observable
+// without timing assumptions.
+class SceneSink : public ::testing::Test {
+protected:
+    SceneSink() {
+        auto session = std::make_unique<session_t>();
+        session_set_state(*session, SESSION_STATE_ACTIVE);
+        EXPECT_EQ(scene_sender_add_session(sender, session, peer), 0);
+        sink = scene_sink_create(&sender);
+    }
+
+    static RadarScene::Frame frame(uint64_t time) {
+        RadarScene::Frame f;
+        f.time = time;
+        return f;
+    }
+
+    uint64_t next_time() {
+        std::string payload;
+        if (!read_record(peer.get(), payload)) {
+            return 0;
+        }
+        RadarScene::Scene scene;
+        scene.ParseFromString(payload);
+        return scene.time();
+    }
+
+    bool frame_pending() {
+        std::lock_guard lock(sink->frame_mutex);
+        return sink->pending_frame != nullptr;
+    }
+
+    int slot_tokens() {
+        int value = 0;
+        sem_getvalue(&sink->slot_free, &value);
+        return value;
+    }
+
+    scene_sender_t sender;
+    unique_fd peer;
+    std::unique_ptr<scene_sink_t> sink;
+};
+
+}  // namespace
+
+TEST_F(SceneSink, PushOnStoppedSinkDropsTheFrame) {
+    scene_sink_push(*sink, frame(1), 0);
+    EXPECT_FALSE(frame_pending());
+    scene_sink_start(*sink);
+    scene_sink_stop(*sink);
+    scene_sink_push(*sink, frame(2), 0);
+    EXPECT_FALSE(frame_pending());
+    EXPECT_TRUE(nothing_to_read(peer.get()));
+}
+
+TEST_F(SceneSink, DeliversFramesInOrderWhenTheWorkerKeepsUp) {
+    scene_sink_start(*sink);
+    for (uint64_t t = 1; t <= 5; ++t) {
+        scene_sink_push(*sink, frame(t), 0);
+        EXPECT_EQ(next_time(), t);
+    }
+    scene_sink_stop(*sink);
+}
+
+TEST_F(SceneSink, LatestFrameWinsWhileTheWorkerIsBusy) {
+    scene_sink_start(*sink);
+    ASSERT_TRUE(wait_until([&] { return slot_tokens() == 3; }));  // worker idle
+    {
+        std::lock_guard block_worker(sender.mutex);
+        scene_sink_push(*sink, frame(1), 0);
+        ASSERT_TRUE(wait_until([&] { return !frame_pending(); }));  // worker took frame 1
+        scene_sink_push(*sink, frame(2), 0);
+        scene_sink_push(*sink, frame(3), 0);  // replaces 2, which is never sent
+        EXPECT_EQ(slot_tokens(), 0);
+    }
+    EXPECT_EQ(next_time(), 1u);
+    EXPECT_EQ(next_time(), 3u);
+    scene_sink_stop(*sink);
+    EXPECT_TRUE(nothing_to_read(peer.get()));
+}
+
+TEST_F(SceneSink, FourthPushBlocksUntilTheSendInProgressEnds) {
+    scene_sink_start(*sink);
+    ASSERT_TRUE(wait_until([&] { return slot_tokens() == 3; }));
+    std::atomic<bool> fourth_returned{false};
+    std::thread producer;
+    {
+        std::lock_guard block_worker(sender.mutex);
+        scene_sink_push(*sink, frame(1), 0);
+        ASSERT_TRUE(wait_until([&] { return !frame_pending(); }));
+        scene_sink_push(*sink, frame(2), 0);
+        scene_sink_push(*sink, frame(3), 0);
+        producer = std::thread([&] {
+            scene_sink_push(*sink, frame(4), 0);
+            fourth_returned = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(fourth_returned);
+    }
+    producer.join();
+    EXPECT_TRUE(fourth_returned);
+    EXPECT_EQ(next_time(), 1u);
+    uint64_t last = next_time();
+    if (last == 3u) {
+        last = next_time();
+    }
+    EXPECT_EQ(last, 4u);
+    scene_sink_stop(*sink);
+}
+
+TEST_F(SceneSink, StopWaitsForTheFrameBeingSent) {
+    scene_sink_start(*sink);
+    std::thread stopper;
+    {
+        std::lock_guard block_worker(sender.mutex);
+        scene_sink_push(*sink, frame(8), 0);
+        ASSERT_TRUE(wait_until([&] { return !frame_pending(); }));
+        stopper = std::thread([&] { scene_sink_stop(*sink); });
+        ASSERT_TRUE(wait_until([&] { return !sink->run_thread; }));
+    }
+    stopper.join();
+    EXPECT_EQ(sink->state, SINK_STATE_STOPPED);
+    EXPECT_EQ(next_time(), 8u);
+}
+
+TEST_F(SceneSink, RestartAfterStopKeepsDelivering) {
+    scene_sink_start(*sink);
+    scene_sink_stop(*sink);
+    scene_sink_start(*sink);
+    scene_sink_push(*sink, frame(11), 0);
+    EXPECT_EQ(next_time(), 11u);
+    scene_sink_stop(*sink);
+    scene_sink_start(*sink);
+    scene_sink_push(*sink, frame(12), 0);
+    EXPECT_EQ(next_time(), 12u);
+}
+
+TEST_F(SceneSink, DestroyingARunningSinkStopsIt) {
+    scene_sink_start(*sink);
+    ASSERT_TRUE(wait_until([&] { return slot_tokens() == 3; }));  // worker waits for a frame
+    scene_sink_push(*sink, frame(3), 0);
+    sink.reset();
+    EXPECT_EQ(next_time(), 3u);
+}
+
+TEST(SceneSinkDeathTest, MisuseAborts) {
+    scene_sender_t sender;
+    auto sink = scene_sink_create(&sender);
+    EXPECT_DEATH(scene_sink_stop(*sink),
+                 "sink.state == SINK_STATE_RUNNING && \"Sink is already stopped.\"");
+    EXPECT_DEATH(scene_sink_create(nullptr), "sender");
+}
