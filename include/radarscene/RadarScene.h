@@ -166,4 +166,25 @@ RADARSCENE_EXPORT Frame deserializeFrame(std::string_view bytes);
 // and heading; objects that already carry one keep it.
 RADARSCENE_EXPORT void addGeoLocation(Frame& frame);
 
+// Ask the running provider over the system bus. D-Bus trouble is logged and
+// yields an empty result.
+RADARSCENE_EXPORT std::vector<int32_t> getSupportedRadarChannels();
+RADARSCENE_EXPORT std::map<int32_t, std::string> getSupportedClasses();
+
+// Serves an sdbus-c++ connection from an sd_event loop: its requests are
+// processed on the loop's thread while this object lives. Make sdbus-c++
+// calls on that connection from the loop's thread only.
+class RADARSCENE_EXPORT ConnectionEventSource {
+public:
+    ConnectionEventSource(sdbus::IConnection& connection, sd_event* event);
+    ~ConnectionEventSource();
+    ConnectionEventSource(const ConnectionEventSource&) = delete;
+    ConnectionEventSource& operator=(const ConnectionEventSource&) = delete;
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
 }  // namespace RadarScene

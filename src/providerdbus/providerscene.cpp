@@ -1,0 +1,157 @@
+#include "providerdbus/providerscene.h"
+
+#include "channelhandler/channelhandler.h"
+#include "providerdbus/authorization.h"
+
+#include <fcntl.h>
+
+namespace API::SdBusCpp {
+namespace {
+
+constexpr const char* WELL_KNOWN_NAME = "com.tessel.RadarSceneProvider1";
+constexpr const char* WELL_KNOWN_PATH = "/com/tessel/RadarSceneProvider1";
+
+// sdbus-c++ turns only sdbus::Error into an error reply; anything else would
+// unwind through sd-bus's C frames, so it is translated here.
+template <typename Body>
+auto guarded(Body&& body) -> decltype(body()) {
+    try {
+        return body();
+    } catch (const sdbus::Error&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw sdbus::Error("org.freedesktop.DBus.Error.Failed", e.what());
+    }
+}
+
+subscription_options_t options_from_features(const std::map<std::string, bool>& features) {
+    auto enabled = [&](const char* key) {
+        auto it = features.find(key);
+        return it != features.end() && it->second;
+    };
+    subscription_options_t options;
+    options.bounding_box = enabled("BOUNDINGBOX_ENABLED");
+    options.polygon = enabled("POLYGON_ENABLED");
+    options.velocity = enabled("VELOCITY_ENABLED");
+    options.geolocation = enabled("GEOLOCATION_ENABLED");
+    options.raw = enabled("RAW_ENABLED");
+    options.format = SCENE_FORMAT_PROTO_1;
+    return options;
+}
+
+}  // namespace
+
+ClassificationClient::ClassificationClient(std::string destination, std::string objectPath)
+    : ProxyInterfaces(std::move(destination), std::move(objectPath)) {
+    registerProxy();
+}
+
+ClassificationClient::~ClassificationClient() {
+    unregisterProxy();
+}
+
+ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string serviceName,
+                             std::string objectPath, channel_handler_t* handler,
+                             bool requestNameNow)
+    : DBus(handler),
+      AdaptorInterfaces(connection, std::move(objectPath)),
+      connection_(connection),
+      serviceName_(std::move(serviceName)),
+      classificationClient_(std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)) {
+    registerAdaptor();
+    if (requestNameNow) {
+        requestName();
+    }
+}
+
+ProviderScene::~ProviderScene() {
+    try {
+        if (nameRequested_) {
+            connection_.releaseName(serviceName_);
+        }
+    } catch (const sdbus::Error&) {
+        // The name may never have been granted; nothing is left to release.
+    }
+    unregisterAdaptor();
+    classificationClient_.reset();
+}
+
+void ProviderScene::requestName() {
+    if (nameRequested_) {
+        return;
+    }
+    nameRequested_ = true;
+    connection_.requestName(serviceName_);
+}
+
+void ProviderScene::checkCaller() {
+    check_authorization_permo(*getObject().getCurrentlyProcessedMessage());
+}
+
+std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
+    const int32_t& dataformat, const int32_t& channel,
+    const std::map<std::string, bool>& feature_parameters) {
+    return guarded([&] {
+        checkCaller();
+        if (dataformat != SCENE_FORMAT_PROTO_1) {
+            throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", "Invalid data format");
+        }
+        subscription_options_t options = options_from_features(feature_parameters);
+        pid_t pid = getObject().getCurrentlyProcessedMessage()->getCredsPid();
+        unique_fd subscriber_fd(-1);
+        int session_id = -1;
+        int status = channel_handler_add_session(*handler_, channel, static_cast<unsigned>(pid),
+                                                 options, subscriber_fd, session_id);
+        int copy = -1;
+        if (status >= 0 && subscriber_fd && session_id >= 0) {
+            copy = fcntl(subscriber_fd.get(), F_DUPFD_CLOEXEC, 3);
+        }
+        if (copy < 0) {
+            throw sdbus::Error("org.freedesktop.DBus.Error.Failed", "Error subscribing channel");
+        }
+        // Our own copy closes here; the reply's copy closes once it is sent.
+        return std::tuple<sdbus::UnixFd, int32_t>(sdbus::UnixFd(copy, sdbus::adopt_fd),
+                                                  session_id);
+    });
+}
+
+void ProviderScene::UnsubscribeSocket(const int32_t& session) {
+    guarded([&] {
+        checkCaller();
+        if (session < 0) {
+            return;
+        }
+        if (channel_handler_remove_session(*handler_, session) < 0) {
+            throw sdbus::Error("com.tessel.RadarSceneProvider1.Error.SessionNotFound",
+                               "Session does not exist");
+        }
+    });
+}
+
+int32_t ProviderScene::GetNumberOfChannels() {
+    return guarded([&] {
+        checkCaller();
+        return 1;
+    });
+}
+
+std::vector<int32_t> ProviderScene::GetSupportedChannels() {
+    return guarded([&] {
+        std::lock_guard lock(mutex_);
+        checkCaller();
+        return std::vector<int32_t>{supportedChannel_};
+    });
+}
+
+std::map<int32_t, std::string> ProviderScene::GetObjectClassifications(const int32_t& channel) {
+    return guarded([&] {
+        std::lock_guard lock(mutex_);
+        checkCaller();
+        if (!classifications.empty()) {
+            return classifications;
+        }
+        return classificationClient_->GetObjectClassifications(channel);
+    });
+}
+
+}  // namespace API::SdBusCpp

@@ -1,0 +1,344 @@
+#include "channelhandler/channelhandler.h"
+#include "permo2_fake.h"
+#include "providerdbus/providerscene.h"
+#include "support/eventloopthread.h"
+#include "support/testbus.h"
+#include "support/testutil.h"
+
+#include <radarscene/scene.pb.h>
+
+#include <gtest/gtest.h>
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+using API::SdBusCpp::ProviderScene;
+
+namespace {
+
+constexpr const char* SERVICE = "com.tessel.RadarSceneProvider1";
+constexpr const char* PATH = "/com/tessel/RadarSceneProvider1";
+
+// A subscriber's view of the provider, on a connection of its own.
+class SceneClient : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
+public:
+    explicit SceneClient(sdbus::IConnection& connection)
+        : ProxyInterfaces(connection, SERVICE, PATH) {
+        registerProxy();
+    }
+    ~SceneClient() { unregisterProxy(); }
+    using ProxyInterfaces::getProxy;
+};
+
+int open_descriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir)) {
+        ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+// Calls `member` and returns "name: message" of the error, or "" on success.
+template <typename Call>
+std::string error_of(Call&& call) {
+    try {
+        call();
+    } catch (const sdbus::Error& e) {
+        return e.getName() + ": " + e.getMessage();
+    }
+    return "";
+}
+
+class Provider : public ::testing::Test {
+protected:
+    Provider() {
+        permo2_fake::reset();
+        handler = channel_handler_create();
+        server = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    }
+
+    ~Provider() override {
+        loop.stop();
+        source.reset();
+        provider.reset();
+    }
+
+    void start(bool requestNameNow = true, int channel = 0) {
+        provider = std::make_unique<ProviderScene>(*server, SERVICE, PATH, handler.get(),
+                                                   requestNameNow);
+        if (channel >= 0) {
+            provider->addSupportedChannel(channel);
+        }
+        source = std::make_unique<RadarScene::ConnectionEventSource>(*server, loop.event());
+        loop.start();
+        client_connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+        client = std::make_unique<SceneClient>(*client_connection);
+    }
+
+    bool name_has_owner() {
+        bool owned = false;
+        auto proxy = sdbus::createProxy(*client_connection, "org.freedesktop.DBus",
+                                        "/org/freedesktop/DBus");
+        proxy->callMethod("NameHasOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(std::string(SERVICE))
+            .storeResultsTo(owned);
+        return owned;
+    }
+
+    std::vector<session_t*> sessions() {
+        std::vector<session_t*> out;
+        scene_sender_t& sender = *handler->channels[0]->scene_sender;
+        std::lock_guard lock(sender.mutex);
+        for (auto& s : sender.session_list) {
+            out.push_back(s.get());
+        }
+        return out;
+    }
+
+    TestBus bus;
+    EventLoopThread loop;
+    std::unique_ptr<channel_handler_t> handler;
+    std::unique_ptr<sdbus::IConnection> server;
+    std::unique_ptr<ProviderScene> provider;
+    std::unique_ptr<RadarScene::ConnectionEventSource> source;
+    std::unique_ptr<sdbus::IConnection> client_connection;
+    std::unique_ptr<SceneClient> client;
+};
+
+}  // namespace
+
+TEST_F(Provider, IntrospectionShowsExactlyTheFiveMethods) {
+    start();
+    std::string xml;
+    client->getProxy()
+        .callMethod("Introspect")
+        .onInterface("org.freedesktop.DBus.Introspectable")
+        .storeResultsTo(xml);
+    size_t begin = xml.find("<interface name=\"com.tessel.RadarSceneProvider1.Scene\">");
+    ASSERT_NE(begin, std::string::npos);
+    std::string iface = xml.substr(begin, xml.find("</interface>", begin) - begin);
+    EXPECT_EQ(iface.find("<signal"), std::string::npos);
+    EXPECT_EQ(iface.find("<property"), std::string::npos);
+
+    const char* expected[] = {
+        "<method name=\"SubscribeSocket\">",
+        "<arg type=\"i\" name=\"dataformat\" direction=\"in\"/>",
+        "<arg type=\"i\" name=\"channel\" direction=\"in\"/>",
+        "<arg type=\"a{sb}\" name=\"feature_parameters\" direction=\"in\"/>",
+        "<arg type=\"h\" name=\"handle\" direction=\"out\"/>",
+        "<arg type=\"i\" name=\"session\" direction=\"out\"/>",
+        "<method name=\"UnsubscribeSocket\">",
+        "<arg type=\"i\" name=\"session\" direction=\"in\"/>",
+        "<method name=\"GetNumberOfChannels\">",
+        "<arg type=\"i\" name=\"channel_count\" direction=\"out\"/>",
+        "<method name=\"GetSupportedChannels\">",
+        "<arg type=\"ai\" name=\"channel_list\" direction=\"out\"/>",
+        "<method name=\"GetObjectClassifications\">",
+        "<arg type=\"i\" name=\"channel\" direction=\"in\"/>",
+        "<arg type=\"a{is}\" name=\"classifications\" direction=\"out\"/>",
+    };
+    // Methods may be listed in any order; the arguments of each follow it.
+    size_t pos = 0;
+    for (const char* line : expected) {
+        bool is_method = std::string_view(line).starts_with("<method");
+        size_t found = iface.find(line, is_method ? 0 : pos);
+        ASSERT_NE(found, std::string::npos) << line << " in\n" << iface;
+        pos = found;
+    }
+    int methods = 0;
+    for (size_t p = iface.find("<method"); p != std::string::npos; p = iface.find("<method", p + 1)) {
+        ++methods;
+    }
+    EXPECT_EQ(methods, 5);
+}
+
+TEST_F(Provider, SubscriptionDeliversFramesAndKeepsNoCopyOfTheSocket) {
+    start();
+    int before = open_descriptors();
+    auto [handle, session] = client->SubscribeSocket(3, 0, {});
+    EXPECT_EQ(session, 0);
+    // The library's own end and the subscriber's end, nothing more.
+    EXPECT_EQ(open_descriptors(), before + 2);
+
+    for (uint64_t t = 1; t <= 3; ++t) {
+        RadarScene::Frame frame;
+        frame.time = t;
+        channel_handler_push(*handler, 0, frame, 0);
+        std::string payload;
+        ASSERT_TRUE(read_record(handle.get(), payload));
+        RadarScene::Scene scene;
+        ASSERT_TRUE(scene.ParseFromString(payload));
+        EXPECT_EQ(scene.time(), t);
+    }
+    ASSERT_EQ(sessions().size(), 1u);
+    EXPECT_EQ(sessions()[0]->pid, static_cast<uint32_t>(getpid()));
+
+    auto second = client->SubscribeSocket(3, 0, {});
+    EXPECT_EQ(std::get<1>(second), 1);
+}
+
+TEST_F(Provider, FeatureKeysAreExactAndFalseEqualsAbsent) {
+    start();
+    auto a = client->SubscribeSocket(
+        3, 0, {{"RAW_ENABLED", true}, {"raw_enabled", false}, {"UNKNOWN", true},
+               {"VELOCITY_ENABLED", false}});
+    auto b = client->SubscribeSocket(3, 0,
+                                     {{"BOUNDINGBOX_ENABLED", true}, {"POLYGON_ENABLED", true},
+                                      {"VELOCITY_ENABLED", true}, {"GEOLOCATION_ENABLED", true}});
+    auto all = sessions();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_TRUE(all[0]->option5);
+    EXPECT_FALSE(all[0]->option1 || all[0]->option2 || all[0]->option3 || all[0]->option4);
+    EXPECT_TRUE(all[1]->option1 && all[1]->option2 && all[1]->option3 && all[1]->option4);
+    EXPECT_FALSE(all[1]->option5);
+}
+
+TEST_F(Provider, BadFormatAndBadChannelAreRefused) {
+    start();
+    for (int format : {0, 1, 2, 4}) {
+        EXPECT_EQ(error_of([&] { client->SubscribeSocket(format, 0, {}); }),
+                  "org.freedesktop.DBus.Error.InvalidArgs: Invalid data format");
+    }
+    for (int channel : {16, -1, 5}) {
+        EXPECT_EQ(error_of([&] { client->SubscribeSocket(3, channel, {}); }),
+                  "org.freedesktop.DBus.Error.Failed: Error subscribing channel");
+    }
+    EXPECT_EQ(handler->n_sessions, 0);
+    EXPECT_EQ(std::get<1>(client->SubscribeSocket(3, 0, {})), 0);
+}
+
+TEST_F(Provider, UnsubscribeRemovesKnownAndIgnoresUnknownSessions) {
+    start();
+    auto [handle, session] = client->SubscribeSocket(3, 0, {});
+    StderrCapture log;
+    EXPECT_EQ(error_of([&] { client->UnsubscribeSocket(-1); }), "");
+    EXPECT_EQ(error_of([&] { client->UnsubscribeSocket(99); }), "");
+    EXPECT_EQ(log.count("<6>The session with session id 99 was not found\n"), 1);
+    EXPECT_EQ(handler->n_sessions, 1);
+    client->UnsubscribeSocket(session);
+    EXPECT_EQ(handler->n_sessions, 0);
+    char byte;
+    EXPECT_EQ(read(handle.get(), &byte, 1), 0);  // the library's end is closed
+}
+
+TEST_F(Provider, ChannelAndClassificationQueries) {
+    start(true, -1);
+    EXPECT_EQ(client->GetNumberOfChannels(), 1);
+    EXPECT_EQ(client->GetSupportedChannels(), std::vector<int32_t>{-1});
+    provider->addSupportedChannel(2);
+    EXPECT_EQ(client->GetSupportedChannels(), std::vector<int32_t>{2});
+    provider->addObjectClassification(1, "Human");
+    provider->addObjectClassification(2, "Vehicle");
+    provider->addObjectClassification(1, "Bike");
+    std::map<int32_t, std::string> expected{{1, "Human"}, {2, "Vehicle"}};
+    EXPECT_EQ(client->GetObjectClassifications(7), expected);
+    EXPECT_EQ(RadarScene::getSupportedRadarChannels(), std::vector<int32_t>{2});
+    EXPECT_EQ(RadarScene::getSupportedClasses(), expected);
+}
+
+TEST_F(Provider, RefusedCallersGetAccessDeniedAndALogLine) {
+    start();
+    std::string me = client_connection->getUniqueName();
+    StderrCapture log;
+    permo2_fake::refuse(2, "User is not allowed to subscribe");
+    EXPECT_EQ(error_of([&] { client->SubscribeSocket(3, 0, {}); }),
+              "org.freedesktop.DBus.Error.AccessDenied: User is not allowed to subscribe");
+    EXPECT_EQ(log.count("<3>check_authorization_permo: " + me +
+                        " is not authorized for SubscribeSocket\n"),
+              1);
+    EXPECT_EQ(handler->n_sessions, 0);
+
+    permo2_fake::refuse(5, "policy store unavailable");
+    EXPECT_EQ(error_of([&] { client->GetNumberOfChannels(); }),
+              "org.freedesktop.DBus.Error.AccessDenied: policy store unavailable");
+    EXPECT_EQ(log.count("<3>check_authorization_permo: Internal error 5 for GetNumberOfChannels\n"),
+              1);
+    EXPECT_EQ(error_of([&] { client->UnsubscribeSocket(-1); }),
+              "org.freedesktop.DBus.Error.AccessDenied: policy store unavailable");
+    EXPECT_EQ(error_of([&] { client->GetSupportedChannels(); }),
+              "org.freedesktop.DBus.Error.AccessDenied: policy store unavailable");
+
+    auto checks = permo2_fake::checks();
+    ASSERT_EQ(checks.size(), 4u);
+    EXPECT_EQ(checks[2].permission, "com.tessel.RadarSceneProvider1.Scene.UnsubscribeSocket");
+    EXPECT_EQ(checks[0].user, getpwuid(geteuid())->pw_name);
+
+    // The client queries log and return nothing.
+    EXPECT_TRUE(RadarScene::getSupportedRadarChannels().empty());
+    EXPECT_EQ(log.count("<3>Failed to get supported radar channels: policy store unavailable\n"), 1);
+    EXPECT_EQ(log.count("<3>policy store unavailable\n"), 1);
+    EXPECT_TRUE(RadarScene::getSupportedClasses().empty());
+    EXPECT_EQ(log.count("<3>policy store unavailable\n"), 2);
+}
+
+TEST_F(Provider, CallerIsCheckedAsItsOwnUser) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to run a client as another user";
+    }
+    start();
+    pid_t child = fork();
+    if (child == 0) {
+        if (setresgid(65534, 65534, 65534) < 0 || setresuid(65534, 65534, 65534) < 0) {
+            _exit(2);
+        }
+        sd_bus* b = nullptr;
+        if (sd_bus_open_user(&b) < 0) {
+            _exit(3);
+        }
+        sd_bus_message* reply = nullptr;
+        int r = sd_bus_call_method(b, SERVICE, PATH, "com.tessel.RadarSceneProvider1.Scene",
+                                   "GetNumberOfChannels", nullptr, &reply, "");
+        _exit(r < 0 ? 4 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    auto checks = permo2_fake::checks();
+    ASSERT_EQ(checks.size(), 1u);
+    EXPECT_EQ(checks[0].user, getpwuid(65534)->pw_name);
+}
+
+TEST_F(Provider, NameIsClaimedAtMostOnceAndReleased) {
+    start(false);
+    EXPECT_FALSE(name_has_owner());
+    loop.run([&] { provider->requestName(); });
+    EXPECT_TRUE(name_has_owner());
+    loop.run([&] { provider->requestName(); });  // a second claim would throw
+    loop.stop();
+    provider.reset();
+    EXPECT_FALSE(name_has_owner());
+}
+
+TEST_F(Provider, FailedAccessLibraryStopsConstruction) {
+    permo2_fake::fail_init("no policy store");
+    try {
+        ProviderScene p(*server, SERVICE, PATH, handler.get(), true);
+        FAIL() << "construction succeeded";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "permo2_init: no policy store");
+    }
+    EXPECT_FALSE(permo2_fake::initialised());
+}
+
+TEST(ProviderQueries, NoProviderGivesEmptyResultsAndLogLines) {
+    TestBus bus;
+    StderrCapture log;
+    EXPECT_TRUE(RadarScene::getSupportedRadarChannels().empty());
+    EXPECT_TRUE(RadarScene::getSupportedClasses().empty());
+    EXPECT_EQ(log.count("<3>Failed to get supported radar channels: "), 1);
+    EXPECT_EQ(log.count("com.tessel.RadarSceneProvider1"), 3);
+}
+
+TEST(ProviderDeathTest, SecondSupportedChannelAborts) {
+    permo2_fake::reset();
+    auto handler = channel_handler_create();
+    API::DBus front(handler.get());
+    front.addSupportedChannel(0);
+    EXPECT_DEATH(front.addSupportedChannel(1), "supportedChannel_ == -1");
+}
