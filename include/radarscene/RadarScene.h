@@ -166,6 +166,54 @@ RADARSCENE_EXPORT Frame deserializeFrame(std::string_view bytes);
 // and heading; objects that already carry one keep it.
 RADARSCENE_EXPORT void addGeoLocation(Frame& frame);
 
+// How a Sink presents itself. None of the texts may be null. A producer
+// that subscribers and the client queries should find passes
+// "com.tessel.RadarSceneProvider1" and "/com/tessel/RadarSceneProvider1".
+struct SinkConfig {
+    const char* clientName;   // broker client name
+    const char* serviceName;  // well-known bus name the provider claims
+    const char* objectPath;   // path of the provider object
+    bool requestNameNow;      // claim the name during construction
+};
+
+// The producer's entry point. Construct it on the producer's D-Bus
+// connection and sd_event loop, declare the one channel and the object
+// classes, add broker topics, call requestName(), then push every frame.
+// D-Bus requests and the removal of broken subscribers are served by the
+// loop; pushes come from one producer thread.
+class RADARSCENE_EXPORT Sink {
+public:
+    Sink(sdbus::IConnection& connection, sd_event* event, SinkConfig config);
+    ~Sink();
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+
+    void requestName();
+    void addSupportedChannel(int channel);
+    void addObjectClassification(int id, const char* name);
+    // Classes whose bit is set are dropped from the scenes of subscribers
+    // that did not ask for raw output; applies to every later push.
+    void setRawMask(unsigned long mask);
+
+    // Hands the frame to the channel's subscribers (written on a worker
+    // thread) and publishes it to the broker topics bound to the channel.
+    void push(int channel, const Frame& frame);
+    // The same for RadarScene.Scene bytes.
+    void push(int channel, std::string_view data);
+
+    // Topics are named "mdb." + name, except the ZRF v1 kind, which takes the
+    // name as given.
+    void addMessageBrokerTopic(std::string_view name, SerializeFrameOptions options);
+    void addMessageBrokerTopicZRF(std::string_view name);
+    void addVarroTopicZRFv1(std::string_view name);
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+    unsigned long raw_mask = 0;
+};
+
 // Ask the running provider over the system bus. D-Bus trouble is logged and
 // yields an empty result.
 RADARSCENE_EXPORT std::vector<int32_t> getSupportedRadarChannels();

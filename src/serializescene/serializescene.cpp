@@ -31,19 +31,6 @@ scene_codec& codec() {
     return *instance;
 }
 
-// True when the class filter drops the object.
-bool filtered_out(const FrameObject& o, const SerializeFrameOptions& options) {
-    if (options.raw || !o.has_classifications()) {
-        return false;
-    }
-    RS_ASSERT(!o.classifications.empty() && "Classification flag set without classifications");
-    if (o.classifications.size() != 1) {
-        return false;
-    }
-    int32_t class_id = o.classifications[0].id;
-    return class_id >= 0 && class_id <= 31 && (options.filtered_classes >> class_id) & 1u;
-}
-
 void set_velocity(Velocity& out, double vx, double vy) {
     out.set_vx(static_cast<float>(vx));
     out.set_vy(static_cast<float>(vy));
@@ -198,6 +185,18 @@ void convert_object_back(FrameObject& o, const Object& pbo) {
 
 using namespace RadarScene;
 
+bool frame_object_filtered(const FrameObject& o, uint32_t filtered_classes, bool raw) {
+    if (raw || !o.has_classifications()) {
+        return false;
+    }
+    RS_ASSERT(!o.classifications.empty() && "Classification flag set without classifications");
+    if (o.classifications.size() != 1) {
+        return false;
+    }
+    int32_t class_id = o.classifications[0].id;
+    return class_id >= 0 && class_id <= 31 && (filtered_classes >> class_id) & 1u;
+}
+
 void convert_frame_to_scene(Scene& scene, const Frame& frame,
                             const SerializeFrameOptions& options) {
     scene.set_time(frame.time);
@@ -221,7 +220,7 @@ void convert_frame_to_scene(Scene& scene, const Frame& frame,
     }
     for (const FrameObject& o : frame.objects) {
         RS_ASSERT(o.id >= 0);
-        if (filtered_out(o, options)) {
+        if (frame_object_filtered(o, options.filtered_classes, options.raw)) {
             continue;
         }
         convert_object(*scene.add_objects(), o, options);

@@ -9,3 +9,8 @@
 void convert_frame_to_scene(RadarScene::Scene& scene, const RadarScene::Frame& frame,
                             const RadarScene::SerializeFrameOptions& options);
 void convert_scene_to_frame(RadarScene::Frame& frame, const RadarScene::Scene& scene);
+
+// True when the class filter drops the object: unless `raw`, an object whose
+// only classification is class n (0..31) with bit n of `filtered_classes` set.
+bool frame_object_filtered(const RadarScene::FrameObject& object, uint32_t filtered_classes,
+                           bool raw);

@@ -1,0 +1,110 @@
+#include "channelhandler/channelhandler.h"
+#include "common/log.h"
+#include "geolocation/geolocation.h"
+#include "providerdbus/providerscene.h"
+#include "varropublisher/varropublisher.h"
+
+#include <radarscene/RadarScene.h>
+#include <systemd/sd-event.h>
+
+#include <cstring>
+#include <system_error>
+
+namespace RadarScene {
+
+namespace {
+
+constexpr uint64_t BROKEN_SESSION_PERIOD_USEC = 1'000'000;
+
+std::string topic_name(const char* prefix, std::string_view name) {
+    // Built from (data, size) so that a null name with a length throws.
+    return prefix + std::string(name.data(), name.size());
+}
+
+}  // namespace
+
+// Members are destroyed in reverse order: the timer first, then the broker
+// topics and client, the provider, and last the channel handler, which stops
+// the worker threads and closes every session.
+struct Sink::Impl {
+    Impl(sdbus::IConnection& connection, sd_event* event, const SinkConfig& config)
+        : handler(channel_handler_create()),
+          provider(connection, config.serviceName, config.objectPath, handler.get(),
+                   config.requestNameNow) {
+        varro_publisher_connect(publisher, config.clientName);
+        int r = sd_event_add_time(event, &timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_timer, this);
+        if (r < 0) {
+            throw std::system_error(-r, std::system_category(), "sd_event_add_time");
+        }
+        r = sd_event_source_set_enabled(timer, SD_EVENT_ON);
+        if (r < 0) {
+            throw std::system_error(-r, std::system_category(), "sd_event_source_set_enabled");
+        }
+    }
+
+    ~Impl() { sd_event_source_disable_unref(timer); }
+
+    // Removes the sessions whose writes failed, every second, on the loop.
+    static int on_timer(sd_event_source* source, uint64_t, void* self) {
+        channel_handler_clear_broken_sessions(*static_cast<Impl*>(self)->handler);
+        int r = sd_event_source_set_time_relative(source, BROKEN_SESSION_PERIOD_USEC);
+        if (r < 0) {
+            log_error("Failed to set repeat timer for clearing broken sessions: %s", strerror(-r));
+        }
+        return 0;
+    }
+
+    std::unique_ptr<channel_handler_t> handler;
+    API::SdBusCpp::ProviderScene provider;
+    varro_publisher_t publisher;
+    sd_event_source* timer = nullptr;
+};
+
+Sink::Sink(sdbus::IConnection& connection, sd_event* event, SinkConfig config)
+    : impl_(std::make_unique<Impl>(connection, event, config)) {
+    geolocation_set_current(std::make_unique<GeoLocation>(event));
+}
+
+Sink::~Sink() = default;
+
+void Sink::requestName() {
+    impl_->provider.requestName();
+}
+
+void Sink::addSupportedChannel(int channel) {
+    impl_->provider.addSupportedChannel(channel);
+}
+
+void Sink::addObjectClassification(int id, const char* name) {
+    impl_->provider.addObjectClassification(id, std::string(name));
+}
+
+void Sink::setRawMask(unsigned long mask) {
+    raw_mask = mask;
+}
+
+void Sink::push(int channel, const Frame& frame) {
+    channel_handler_push(*impl_->handler, channel, frame, raw_mask);
+    publish(impl_->publisher, impl_->provider, channel, frame, raw_mask);
+}
+
+void Sink::push(int channel, std::string_view data) {
+    push(channel, deserializeFrame(data));
+}
+
+void Sink::addMessageBrokerTopic(std::string_view name, SerializeFrameOptions options) {
+    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("mdb.", name),
+                              SceneProvider::SerializedScene, options);
+}
+
+void Sink::addMessageBrokerTopicZRF(std::string_view name) {
+    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("mdb.", name),
+                              SceneProvider::ZrfDocument, {});
+}
+
+void Sink::addVarroTopicZRFv1(std::string_view name) {
+    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("", name),
+                              SceneProvider::ZrfV1Document, {});
+}
+
+}  // namespace RadarScene

@@ -1,0 +1,142 @@
+#include "varropublisher/varropublisher.h"
+
+#include "common/log.h"
+#include "common/rs_assert.h"
+#include "providerdbus/dbus.h"
+#include "varropublisher/base64.h"
+#include "varropublisher/topicdefinitions.h"
+#include "zrf/zrf.h"
+
+#include <nlohmann/json.hpp>
+
+using namespace tessel_os_varro;
+using SceneProvider::VarroTopicKind;
+using SceneProvider::VarroTopicState;
+
+namespace {
+
+constexpr const char* WRITER_NAME = "libmerrow";
+constexpr ClientOptions CLIENT_OPTIONS = {4, 1, 0};
+
+nlohmann::json envelope(const VarroTopicState& topic, const std::string& encoded,
+                        const timespec& timestamp) {
+    return {{"source", topic.source},
+            {"data", encoded},
+            {"timestamp",
+             {{"tv_sec", static_cast<int64_t>(timestamp.tv_sec)},
+              {"tv_nsec", static_cast<int64_t>(timestamp.tv_nsec)}}}};
+}
+
+}  // namespace
+
+void varro_publisher_connect(varro_publisher_t& publisher, const std::string& client_name) {
+    publisher.client = Client::Create(client_name, CLIENT_OPTIONS);
+    if (!publisher.client) {
+        log_error("Failed to connect to Varro: %s", "no broker client");
+        return;
+    }
+    if (auto connected = publisher.client->Connect(); !connected) {
+        log_error("Failed to connect to Varro: %s", connected.error().message.c_str());
+    }
+}
+
+std::unique_ptr<VarroTopicState> createTopicState(Client& client, const std::string& topicName,
+                                                  int supportedChannel, VarroTopicKind kind,
+                                                  const RadarScene::SerializeFrameOptions& options) {
+    auto state = std::make_unique<VarroTopicState>();
+    state->topicName = topicName;
+    state->kind = kind;
+    state->options = options;
+    state->source = std::to_string(supportedChannel + 1);
+    const char* name = topicName.c_str();
+
+    if (auto topic = client.GetTopic(topicName); !topic) {
+        if (topic.error().code != ApiErrorCode::NotFound) {
+            log_error("Failed to get topic '%s': %s", name, topic.error().message.c_str());
+            return nullptr;
+        }
+        if (auto created = client.CreateTopic(topic_definition(kind, topicName)); !created) {
+            log_error("Failed to create topic '%s': %s", name, created.error().message.c_str());
+            return nullptr;
+        }
+    }
+    auto writer = client.CreateTopicDataWriter(WRITER_NAME);
+    if (!writer) {
+        log_error("Failed to create topic data writer for topic '%s': %s", name,
+                  writer.error().message.c_str());
+        return nullptr;
+    }
+    state->writer = std::move(*writer);
+    if (auto initialized = state->writer->Initialize(topicName); !initialized) {
+        log_error("Failed to initialize topic data writer for topic '%s': %s", name,
+                  initialized.error().message.c_str());
+        return nullptr;
+    }
+    std::string key = nlohmann::json{{"source", state->source}}.dump();
+    if (auto instance = state->writer->CreateInstance(TopicInstance(topicName, key, std::nullopt), true);
+        !instance) {
+        log_error("Failed to create topic instance for topic '%s': %s", name,
+                  instance.error().message.c_str());
+        return nullptr;
+    }
+    return state;
+}
+
+void varro_publisher_add_topic(varro_publisher_t& publisher, API::DBus& provider,
+                               const std::string& topicName, VarroTopicKind kind,
+                               const RadarScene::SerializeFrameOptions& options) {
+    RS_ASSERT(publisher.client && "No broker client");
+    auto state =
+        createTopicState(*publisher.client, topicName, provider.supportedChannel(), kind, options);
+    if (state) {
+        publisher.topics.push_back(std::move(state));
+    }
+}
+
+void publish(varro_publisher_t& publisher, API::DBus& provider, int channel,
+             const RadarScene::Frame& frame, unsigned long raw_mask) {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    std::string source = std::to_string(channel + 1);
+    for (auto& topic : publisher.topics) {
+        if (topic->source == source) {
+            publishToTopic(publisher, provider, *topic, frame, raw_mask, now);
+        }
+    }
+}
+
+void publishToTopic(varro_publisher_t& publisher, API::DBus& provider, VarroTopicState& topic,
+                    const RadarScene::Frame& frame, unsigned long raw_mask,
+                    const timespec& timestamp) {
+    std::string& payload = publisher.payload;
+    std::string& encoded = publisher.encoded;
+    nlohmann::json document;
+    switch (topic.kind) {
+        case SceneProvider::SerializedScene:
+        case SceneProvider::ZrfDocument:
+            if (topic.kind == SceneProvider::SerializedScene) {
+                RadarScene::serializeFrame(payload, frame, topic.options);
+            } else {
+                convert_frame_to_zrf(payload, frame, provider.objectClassifications(), raw_mask);
+            }
+            encoded.resize(4 * ((payload.size() + 2) / 3));
+            encoded.resize(base64_encode(payload.data(), payload.size(), encoded.data()));
+            document = envelope(topic, encoded, timestamp);
+            break;
+        case SceneProvider::ZrfV1Document:
+            convert_frame_to_zrf_v1(payload, frame, std::stoi(topic.source),
+                                    provider.objectClassifications(), raw_mask);
+            document = {{"source", topic.source}, {"data", payload}};
+            break;
+    }
+    const char* name = topic.topicName.c_str();
+    auto data = TopicData::FromJson(document.dump());
+    if (!data) {
+        log_error("Failed to create topic data for topic '%s': %s", name,
+                  data.error().message.c_str());
+    }
+    RS_ASSERT(data.has_value() && "Topic data could not be created");
+    if (auto written = topic.writer->WriteData(*data, std::nullopt); !written) {
+        log_error("Failed to write data to topic '%s': %s", name, written.error().message.c_str());
+    }
+}
