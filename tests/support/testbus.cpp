@@ -23,8 +23,8 @@ constexpr const char* CONFIG = R"(<!DOCTYPE busconfig PUBLIC
   <policy context="default">
     <allow user="*"/>
     <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
   </policy>
 </busconfig>
 )";

@@ -1,0 +1,184 @@
+#include "geolocation/geolocation.h"
+#include "permo2_fake.h"
+#include "support/eventloopthread.h"
+#include "support/testbus.h"
+#include "support/testutil.h"
+#include "varro_fake.h"
+
+#include <radarscene/RadarScene.h>
+#include <radarscene/scene.pb.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+#include <dirent.h>
+
+namespace {
+
+constexpr const char* SERVICE = "com.tessel.RadarSceneProvider1";
+constexpr const char* PATH = "/com/tessel/RadarSceneProvider1";
+
+int open_descriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir)) {
+        ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+RadarScene::Frame sample_frame(uint64_t time) {
+    RadarScene::Frame frame;
+    frame.time = time;
+    RadarScene::FrameObject human;
+    human.id = 1;
+    human.set_bounding_box({0, 0, 1, 2});
+    human.set_classifications({{1, 0.9}});
+    RadarScene::FrameObject vehicle;
+    vehicle.id = 2;
+    vehicle.set_classifications({{2, 0.8}});
+    frame.objects = {human, vehicle};
+    return frame;
+}
+
+// A producer's set-up: a Sink on its own connection and loop, and a
+// subscriber on a second connection.
+class SinkEndToEnd : public ::testing::Test {
+protected:
+    SinkEndToEnd() {
+        permo2_fake::reset();
+        varro_fake::reset();
+        producer_connection = sdbus::createSystemBusConnection();
+        sink = std::make_unique<RadarScene::Sink>(
+            *producer_connection, loop.event(),
+            RadarScene::SinkConfig{"radar-test", SERVICE, PATH, false});
+        sink->addSupportedChannel(0);
+        sink->addObjectClassification(1, "Human");
+        sink->addObjectClassification(2, "Vehicle");
+        sink->requestName();
+        source = std::make_unique<RadarScene::ConnectionEventSource>(*producer_connection,
+                                                                     loop.event());
+        loop.start();
+        subscriber_connection = sdbus::createSystemBusConnection();
+        subscriber = sdbus::createProxy(*subscriber_connection, SERVICE, PATH);
+    }
+
+    ~SinkEndToEnd() override {
+        loop.stop();
+        source.reset();
+        sink.reset();
+    }
+
+    std::pair<sdbus::UnixFd, int32_t> subscribe(std::map<std::string, bool> features) {
+        std::tuple<sdbus::UnixFd, int32_t> reply;
+        subscriber->callMethod("SubscribeSocket")
+            .onInterface("com.tessel.RadarSceneProvider1.Scene")
+            .withArguments(int32_t{3}, int32_t{0}, features)
+            .storeResultsTo(reply);
+        return {std::get<0>(reply), std::get<1>(reply)};
+    }
+
+    static RadarScene::Scene next_scene(int fd) {
+        std::string payload;
+        EXPECT_TRUE(read_record(fd, payload));
+        RadarScene::Scene scene;
+        EXPECT_TRUE(scene.ParseFromString(payload));
+        return scene;
+    }
+
+    TestBus bus;
+    EventLoopThread loop;
+    std::unique_ptr<sdbus::IConnection> producer_connection;
+    std::unique_ptr<RadarScene::Sink> sink;
+    std::unique_ptr<RadarScene::ConnectionEventSource> source;
+    std::unique_ptr<sdbus::IConnection> subscriber_connection;
+    std::unique_ptr<sdbus::IProxy> subscriber;
+};
+
+}  // namespace
+
+TEST_F(SinkEndToEnd, SubscribersAndTopicsReceiveEveryPush) {
+    RadarScene::SerializeFrameOptions boxes;
+    boxes.bounding_box = true;
+    sink->addMessageBrokerTopic("scene", boxes);
+    sink->addMessageBrokerTopicZRF("zrf");
+    sink->addVarroTopicZRFv1("zrfv1");
+
+    auto [handle, session] = subscribe({{"BOUNDINGBOX_ENABLED", true}});
+    EXPECT_EQ(session, 0);
+    sink->push(0, sample_frame(10));
+    RadarScene::Scene scene = next_scene(handle.get());
+    EXPECT_EQ(scene.time(), 10u);
+    ASSERT_EQ(scene.objects_size(), 2);
+    EXPECT_TRUE(scene.objects(0).has_bounding_box());
+
+    // The raw mask applies from the next push on.
+    sink->setRawMask(1ul << 2);
+    sink->push(0, sample_frame(11));
+    scene = next_scene(handle.get());
+    EXPECT_EQ(scene.time(), 11u);
+    ASSERT_EQ(scene.objects_size(), 1);
+    EXPECT_EQ(scene.objects(0).id(), 1u);
+
+    // Scene bytes are decoded and pushed the same way.
+    std::string bytes;
+    RadarScene::serializeFrame(bytes, sample_frame(12), {});
+    sink->push(0, std::string_view(bytes));
+    EXPECT_EQ(next_scene(handle.get()).time(), 12u);
+
+    auto items = varro_fake::written();
+    ASSERT_EQ(items.size(), 9u);
+    EXPECT_EQ(items[0].topic, "mdb.scene");
+    EXPECT_EQ(items[1].topic, "mdb.zrf");
+    EXPECT_EQ(items[2].topic, "zrfv1");
+    auto envelope = nlohmann::json::parse(items[0].json);
+    EXPECT_EQ(envelope["source"], "1");
+    auto v1_first = nlohmann::json::parse(
+        nlohmann::json::parse(items[2].json)["data"].get<std::string>());
+    auto v1_masked = nlohmann::json::parse(
+        nlohmann::json::parse(items[5].json)["data"].get<std::string>());
+    EXPECT_EQ(v1_first["detections"].size(), 2u);
+    EXPECT_EQ(v1_masked["detections"].size(), 1u);
+    EXPECT_EQ(v1_masked["detections"][0]["class"], "Human");
+}
+
+TEST_F(SinkEndToEnd, PushesToOtherChannelsReachNoTopic) {
+    sink->addMessageBrokerTopic("scene", {});
+    sink->push(1, sample_frame(1));
+    EXPECT_TRUE(varro_fake::written().empty());
+}
+
+TEST_F(SinkEndToEnd, ClosedSubscriberIsRemovedByTheTimer) {
+    int before = open_descriptors();
+    auto [handle, session] = subscribe({});
+    EXPECT_EQ(open_descriptors(), before + 2);
+    handle.reset();
+    sink->push(0, sample_frame(1));
+    // The library's end closes once the timer on the loop removes the session.
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; },
+                           std::chrono::seconds(5)));
+    auto again = subscribe({});
+    EXPECT_EQ(again.second, session + 1);
+}
+
+TEST_F(SinkEndToEnd, NewSinkReplacesTheGeolocationClient) {
+    GeoLocation* first = geolocation_current();
+    ASSERT_NE(first, nullptr);
+    loop.stop();
+    auto connection = sdbus::createSystemBusConnection();
+    RadarScene::Sink second(*connection, loop.event(),
+                            RadarScene::SinkConfig{"radar-2", "com.tessel.Other", "/other", false});
+    EXPECT_NE(geolocation_current(), first);
+}
+
+TEST_F(SinkEndToEnd, NullTextsAreRejected) {
+    EXPECT_THROW(sink->addObjectClassification(3, nullptr), std::logic_error);
+    EXPECT_THROW(sink->addMessageBrokerTopic(std::string_view(nullptr, 3), {}), std::logic_error);
+    loop.stop();
+    auto connection = sdbus::createSystemBusConnection();
+    EXPECT_THROW(RadarScene::Sink(*connection, loop.event(),
+                                  RadarScene::SinkConfig{"radar", nullptr, "/p", false}),
+                 std::logic_error);
+}
