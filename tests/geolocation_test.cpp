@@ -159,7 +159,7 @@ private:
                           sd_bus_message* reply, void* self, sd_bus_error*) {
         auto* s = static_cast<FakeGeoService*>(self);
         std::string name = property;
-        double value = name == "latitude" ? s->latitude.load()
+        double value = name == "latitude"    ? s->latitude.load()
                        : name == "longitude" ? s->longitude.load()
                                              : s->heading.load();
         return sd_bus_message_append(reply, "d", value);
@@ -172,14 +172,13 @@ private:
                         void*, sd_bus_error*) {
         return sd_bus_message_append(reply, "s", "gnss");
     }
-    static constexpr sd_bus_vtable VTABLE[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_PROPERTY("latitude", "d", get_double, 0, 0),
-        SD_BUS_PROPERTY("longitude", "d", get_double, 0, 0),
-        SD_BUS_PROPERTY("source", "s", get_name, 0, 0),
-        SD_BUS_PROPERTY("heading", "d", get_double, 0, 0),
-        SD_BUS_PROPERTY("valid_pos", "b", get_valid, 0, 0),
-        SD_BUS_VTABLE_END};
+    static constexpr sd_bus_vtable VTABLE[] = {SD_BUS_VTABLE_START(0),
+                                               SD_BUS_PROPERTY("latitude", "d", get_double, 0, 0),
+                                               SD_BUS_PROPERTY("longitude", "d", get_double, 0, 0),
+                                               SD_BUS_PROPERTY("source", "s", get_name, 0, 0),
+                                               SD_BUS_PROPERTY("heading", "d", get_double, 0, 0),
+                                               SD_BUS_PROPERTY("valid_pos", "b", get_valid, 0, 0),
+                                               SD_BUS_VTABLE_END};
 
     void run() {
         while (!stop_) {

@@ -7,8 +7,8 @@
 
 #include <radarscene/scene.pb.h>
 
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -68,8 +68,8 @@ protected:
     }
 
     void start(bool requestNameNow = true, int channel = 0) {
-        provider = std::make_unique<ProviderScene>(*server, SERVICE, PATH, handler.get(),
-                                                   requestNameNow);
+        provider =
+            std::make_unique<ProviderScene>(*server, SERVICE, PATH, handler.get(), requestNameNow);
         if (channel >= 0) {
             provider->addSupportedChannel(channel);
         }
@@ -81,8 +81,8 @@ protected:
 
     bool name_has_owner() {
         bool owned = false;
-        auto proxy = sdbus::createProxy(*client_connection, "org.freedesktop.DBus",
-                                        "/org/freedesktop/DBus");
+        auto proxy =
+            sdbus::createProxy(*client_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
         proxy->callMethod("NameHasOwner")
             .onInterface("org.freedesktop.DBus")
             .withArguments(std::string(SERVICE))
@@ -151,7 +151,8 @@ TEST_F(Provider, IntrospectionShowsExactlyTheFiveMethods) {
         pos = found;
     }
     int methods = 0;
-    for (size_t p = iface.find("<method"); p != std::string::npos; p = iface.find("<method", p + 1)) {
+    for (size_t p = iface.find("<method"); p != std::string::npos;
+         p = iface.find("<method", p + 1)) {
         ++methods;
     }
     EXPECT_EQ(methods, 5);
@@ -184,12 +185,16 @@ TEST_F(Provider, SubscriptionDeliversFramesAndKeepsNoCopyOfTheSocket) {
 
 TEST_F(Provider, FeatureKeysAreExactAndFalseEqualsAbsent) {
     start();
-    auto a = client->SubscribeSocket(
-        3, 0, {{"RAW_ENABLED", true}, {"raw_enabled", false}, {"UNKNOWN", true},
-               {"VELOCITY_ENABLED", false}});
+    auto a = client->SubscribeSocket(3, 0,
+                                     {{"RAW_ENABLED", true},
+                                      {"raw_enabled", false},
+                                      {"UNKNOWN", true},
+                                      {"VELOCITY_ENABLED", false}});
     auto b = client->SubscribeSocket(3, 0,
-                                     {{"BOUNDINGBOX_ENABLED", true}, {"POLYGON_ENABLED", true},
-                                      {"VELOCITY_ENABLED", true}, {"GEOLOCATION_ENABLED", true}});
+                                     {{"BOUNDINGBOX_ENABLED", true},
+                                      {"POLYGON_ENABLED", true},
+                                      {"VELOCITY_ENABLED", true},
+                                      {"GEOLOCATION_ENABLED", true}});
     auto all = sessions();
     ASSERT_EQ(all.size(), 2u);
     EXPECT_TRUE(all[0]->option5);
@@ -270,7 +275,8 @@ TEST_F(Provider, RefusedCallersGetAccessDeniedAndALogLine) {
 
     // The client queries log and return nothing.
     EXPECT_TRUE(RadarScene::getSupportedRadarChannels().empty());
-    EXPECT_EQ(log.count("<3>Failed to get supported radar channels: policy store unavailable\n"), 1);
+    EXPECT_EQ(log.count("<3>Failed to get supported radar channels: policy store unavailable\n"),
+              1);
     EXPECT_EQ(log.count("<3>policy store unavailable\n"), 1);
     EXPECT_TRUE(RadarScene::getSupportedClasses().empty());
     EXPECT_EQ(log.count("<3>policy store unavailable\n"), 2);

@@ -1,5 +1,5 @@
-#include "scenesender/scenesender.h"
 #include "scenesink/scenesink.h"
+#include "scenesender/scenesender.h"
 #include "support/testutil.h"
 
 #include <radarscene/scene.pb.h>

@@ -11,8 +11,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include <gtest/gtest.h>
 #include <dirent.h>
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -58,8 +58,8 @@ protected:
         sink->addObjectClassification(1, "Human");
         sink->addObjectClassification(2, "Vehicle");
         sink->requestName();
-        source = std::make_unique<RadarScene::ConnectionEventSource>(*producer_connection,
-                                                                     loop.event());
+        source =
+            std::make_unique<RadarScene::ConnectionEventSource>(*producer_connection, loop.event());
         loop.start();
         subscriber_connection = sdbus::createSystemBusConnection();
         subscriber = sdbus::createProxy(*subscriber_connection, SERVICE, PATH);
@@ -135,10 +135,10 @@ TEST_F(SinkEndToEnd, SubscribersAndTopicsReceiveEveryPush) {
     EXPECT_EQ(items[2].topic, "zrfv1");
     auto envelope = nlohmann::json::parse(items[0].json);
     EXPECT_EQ(envelope["source"], "1");
-    auto v1_first = nlohmann::json::parse(
-        nlohmann::json::parse(items[2].json)["data"].get<std::string>());
-    auto v1_masked = nlohmann::json::parse(
-        nlohmann::json::parse(items[5].json)["data"].get<std::string>());
+    auto v1_first =
+        nlohmann::json::parse(nlohmann::json::parse(items[2].json)["data"].get<std::string>());
+    auto v1_masked =
+        nlohmann::json::parse(nlohmann::json::parse(items[5].json)["data"].get<std::string>());
     EXPECT_EQ(v1_first["detections"].size(), 2u);
     EXPECT_EQ(v1_masked["detections"].size(), 1u);
     EXPECT_EQ(v1_masked["detections"][0]["class"], "Human");
@@ -157,8 +157,7 @@ TEST_F(SinkEndToEnd, ClosedSubscriberIsRemovedByTheTimer) {
     handle.reset();
     sink->push(0, sample_frame(1));
     // The library's end closes once the timer on the loop removes the session.
-    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; },
-                           std::chrono::seconds(5)));
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == before; }, std::chrono::seconds(5)));
     auto again = subscribe({});
     EXPECT_EQ(again.second, session + 1);
 }

@@ -1,3 +1,4 @@
+#include "varropublisher/varropublisher.h"
 #include "channelhandler/channelhandler.h"
 #include "permo2_fake.h"
 #include "providerdbus/dbus.h"
@@ -6,7 +7,6 @@
 #include "varro_fake.h"
 #include "varropublisher/base64.h"
 #include "varropublisher/topicdefinitions.h"
-#include "varropublisher/varropublisher.h"
 #include "zrf/zrf.h"
 
 #include <nlohmann/json.hpp>
@@ -14,8 +14,8 @@
 #include <gtest/gtest.h>
 
 using namespace SceneProvider;
-using tessel_os_varro::ApiErrorCode;
 using nlohmann::json;
+using tessel_os_varro::ApiErrorCode;
 
 namespace {
 
@@ -171,8 +171,10 @@ TEST_F(Publisher, EveryRegistrationFailureLeavesNothingRegistered) {
     const step steps[] = {
         {"GetTopic", "<3>Failed to get topic 'mdb.t': broker down\n"},
         {"CreateTopic", "<3>Failed to create topic 'mdb.t': broker down\n"},
-        {"CreateTopicDataWriter", "<3>Failed to create topic data writer for topic 'mdb.t': broker down\n"},
-        {"Initialize", "<3>Failed to initialize topic data writer for topic 'mdb.t': broker down\n"},
+        {"CreateTopicDataWriter",
+         "<3>Failed to create topic data writer for topic 'mdb.t': broker down\n"},
+        {"Initialize",
+         "<3>Failed to initialize topic data writer for topic 'mdb.t': broker down\n"},
         {"CreateInstance", "<3>Failed to create topic instance for topic 'mdb.t': broker down\n"},
     };
     for (const step& s : steps) {
@@ -220,8 +222,9 @@ TEST_F(Publisher, SerializedSceneEnvelopeIsByteExact) {
               R"({"data":"CAA=","source":"1","timestamp":{"tv_nsec":123,"tv_sec":5}})");
     std::string scene;
     RadarScene::serializeFrame(scene, frame, boxes);
-    EXPECT_EQ(items[1].json, R"({"data":")" + b64(scene) +
-                                 R"(","source":"1","timestamp":{"tv_nsec":999999999,"tv_sec":-1}})");
+    EXPECT_EQ(items[1].json,
+              R"({"data":")" + b64(scene) +
+                  R"(","source":"1","timestamp":{"tv_nsec":999999999,"tv_sec":-1}})");
     EXPECT_EQ(varro_fake::calls().back(), "WriteData(mdb.scene,-)");
 }
 
@@ -308,8 +311,7 @@ TEST_F(Publisher, ZrfDocumentsCarryTheFrameAsAnalytics) {
     json det = v1["detections"][0];
     EXPECT_EQ(det["object_track_id"], "12");
     EXPECT_EQ(det["class"], "Human");
-    EXPECT_EQ(det["world_position"],
-              (json{{"distance", 100}, {"azimuth", 0}, {"elevation", 1.5}}));
+    EXPECT_EQ(det["world_position"], (json{{"distance", 100}, {"azimuth", 0}, {"elevation", 1.5}}));
     EXPECT_FALSE(v1.contains("track_events"));
     EXPECT_TRUE(items[1].json.find(' ') == std::string::npos);
 

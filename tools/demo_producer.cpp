@@ -5,8 +5,8 @@
 #include <sdbus-c++/sdbus-c++.h>
 #include <systemd/sd-event.h>
 
-#include <csignal>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <memory>
 

@@ -36,8 +36,7 @@ bool read_scene(int fd, std::string& payload) {
     return read_exactly(fd, payload.data(), payload.size());
 }
 
-void print_frame(const RadarScene::Frame& frame,
-                 const std::map<int32_t, std::string>& classes) {
+void print_frame(const RadarScene::Frame& frame, const std::map<int32_t, std::string>& classes) {
     printf("frame t=%.3f s, %zu objects\n", static_cast<double>(frame.time) / 1e9,
            frame.objects.size());
     for (const auto& o : frame.objects) {
@@ -45,11 +44,11 @@ void print_frame(const RadarScene::Frame& frame,
         if (o.has_classifications() && classes.count(o.classifications[0].id)) {
             name = classes.at(o.classifications[0].id);
         }
-        printf("  #%d %-8s range %5.1f m  bearing %5.1f deg  box (%.1f, %.1f) %.1fx%.1f"
-               "  speed (%.2f, %.2f) m/s\n",
-               o.id, name.c_str(), o.position.x, o.position.y, o.bounding_box.x,
-               o.bounding_box.y, o.bounding_box.width, o.bounding_box.height, o.velocity3d.vx,
-               o.velocity3d.vy);
+        printf(
+            "  #%d %-8s range %5.1f m  bearing %5.1f deg  box (%.1f, %.1f) %.1fx%.1f"
+            "  speed (%.2f, %.2f) m/s\n",
+            o.id, name.c_str(), o.position.x, o.position.y, o.bounding_box.x, o.bounding_box.y,
+            o.bounding_box.width, o.bounding_box.height, o.velocity3d.vx, o.velocity3d.vy);
     }
     fflush(stdout);
 }
@@ -61,8 +60,7 @@ int main(int argc, char** argv) {
     auto connection = sdbus::createSystemBusConnection();
     auto provider = sdbus::createProxy(*connection, "com.tessel.RadarSceneProvider1",
                                        "/com/tessel/RadarSceneProvider1");
-    std::map<std::string, bool> features{{"BOUNDINGBOX_ENABLED", true},
-                                         {"VELOCITY_ENABLED", true}};
+    std::map<std::string, bool> features{{"BOUNDINGBOX_ENABLED", true}, {"VELOCITY_ENABLED", true}};
     sdbus::UnixFd handle;
     int32_t session = -1;
     for (int attempt = 0; session < 0; ++attempt) {

@@ -121,7 +121,9 @@ struct FrameObject {
     bool has_geoposition() const { return has(GEOPOSITION); }
 
     void set_bounding_box(const BoundingBox& v) { bounding_box = v, set_present(BOUNDING_BOX); }
-    void set_polygon(std::vector<std::array<double, 2>> v) { polygon = std::move(v), set_present(POLYGON); }
+    void set_polygon(std::vector<std::array<double, 2>> v) {
+        polygon = std::move(v), set_present(POLYGON);
+    }
     void set_velocity(const Velocity& v) { velocity = v, set_present(VELOCITY); }
     void set_confidence(double v) { confidence = v, set_present(CONFIDENCE); }
     void set_position(const Position& v) { position = v, set_present(POSITION); }
@@ -129,7 +131,9 @@ struct FrameObject {
     void set_classifications(std::vector<Classification> v) {
         classifications = std::move(v), set_present(CLASSIFICATIONS);
     }
-    void set_covariance(std::vector<double> v) { covariance = std::move(v), set_present(COVARIANCE); }
+    void set_covariance(std::vector<double> v) {
+        covariance = std::move(v), set_present(COVARIANCE);
+    }
     void set_area(double v) { area = v, set_present(AREA); }
     void set_geoposition(const GeoPosition& v) { geoposition = v, set_present(GEOPOSITION); }
 };

@@ -27,12 +27,12 @@ void log_line(const char* prefix, const char* format, va_list args) {
 
 }  // namespace
 
-#define DEFINE_LOG_FUNCTION(name, prefix)  \
-    void name(const char* format, ...) {   \
-        va_list args;                      \
-        va_start(args, format);            \
-        log_line(prefix, format, args);    \
-        va_end(args);                      \
+#define DEFINE_LOG_FUNCTION(name, prefix) \
+    void name(const char* format, ...) {  \
+        va_list args;                     \
+        va_start(args, format);           \
+        log_line(prefix, format, args);   \
+        va_end(args);                     \
     }
 
 DEFINE_LOG_FUNCTION(log_error, "<3>")

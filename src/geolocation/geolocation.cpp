@@ -162,8 +162,7 @@ int GeoLocation::handleNameOwnerChanged(sd_bus_message* m) {
         const char* name = nullptr;
         const char* old_owner = nullptr;
         const char* new_owner = nullptr;
-        check(sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner),
-              "sd_bus_message_read");
+        check(sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner), "sd_bus_message_read");
         if (new_owner && *new_owner) {
             initProperties();
         }

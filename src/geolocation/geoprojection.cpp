@@ -18,7 +18,8 @@ geo_scale_factors geo_compute_scale_factors(double latitude) {
     double phi = latitude * DEG_TO_RAD;
     double s = std::sin(phi);
     double c = std::cos(phi);
-    double radius = WGS84_EQUATORIAL_RADIUS * std::sqrt(c * c + WGS84_ONE_MINUS_E2_SQUARED * s * s) /
+    double radius = WGS84_EQUATORIAL_RADIUS *
+                    std::sqrt(c * c + WGS84_ONE_MINUS_E2_SQUARED * s * s) /
                     std::sqrt(1 - WGS84_E2 * s * s);
     double k = radius * DEG_TO_RAD;
     geo_scale_factors factors;

@@ -67,10 +67,11 @@ ConnectionEventSource::ConnectionEventSource(sdbus::IConnection& connection, sd_
     Impl::check(sd_event_add_io(event, &impl_->io, poll.fd, static_cast<uint32_t>(poll.events),
                                 &Impl::on_io, impl_.get()),
                 "sd_event_add_io");
-    Impl::check(sd_event_source_set_prepare(impl_->io, &Impl::on_prepare), "sd_event_source_set_prepare");
-    Impl::check(sd_event_add_time(event, &impl_->timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_time,
-                                  impl_.get()),
-                "sd_event_add_time");
+    Impl::check(sd_event_source_set_prepare(impl_->io, &Impl::on_prepare),
+                "sd_event_source_set_prepare");
+    Impl::check(
+        sd_event_add_time(event, &impl_->timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
+        "sd_event_add_time");
     impl_->process();
 }
 

@@ -57,7 +57,8 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
       AdaptorInterfaces(connection, std::move(objectPath)),
       connection_(connection),
       serviceName_(std::move(serviceName)),
-      classificationClient_(std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)) {
+      classificationClient_(
+          std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)) {
     registerAdaptor();
     if (requestNameNow) {
         requestName();
@@ -110,8 +111,7 @@ std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
             throw sdbus::Error("org.freedesktop.DBus.Error.Failed", "Error subscribing channel");
         }
         // Our own copy closes here; the reply's copy closes once it is sent.
-        return std::tuple<sdbus::UnixFd, int32_t>(sdbus::UnixFd(copy, sdbus::adopt_fd),
-                                                  session_id);
+        return std::tuple<sdbus::UnixFd, int32_t>(sdbus::UnixFd(copy, sdbus::adopt_fd), session_id);
     });
 }
 

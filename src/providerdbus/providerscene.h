@@ -13,7 +13,8 @@ namespace API::SdBusCpp {
 
 // Asks a running provider for its object classes; it has a system-bus
 // connection and event-loop thread of its own.
-class ClassificationClient : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
+class ClassificationClient
+    : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
 public:
     ClassificationClient(std::string destination, std::string objectPath);
     ~ClassificationClient();
@@ -21,8 +22,9 @@ public:
 
 // The provider object on the producer's connection. Every method runs on
 // the producer's event-loop thread and checks the caller first.
-class ProviderScene : public DBus,
-                      private sdbus::AdaptorInterfaces<com::tessel::RadarSceneProvider1::Scene_adaptor> {
+class ProviderScene
+    : public DBus,
+      private sdbus::AdaptorInterfaces<com::tessel::RadarSceneProvider1::Scene_adaptor> {
 public:
     ProviderScene(sdbus::IConnection& connection, std::string serviceName, std::string objectPath,
                   channel_handler_t* handler, bool requestNameNow);

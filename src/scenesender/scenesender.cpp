@@ -132,8 +132,8 @@ int cleanup_broken_sessions(scene_sender_t& sender) {
                 log_info("Session closed: %d (pid: %u, comm: %s)", session.id, session.pid,
                          comm_or_unknown(session));
             } else {
-                log_warning("Broken session: %d (pid: %u, comm: %s): %s", session.id,
-                            session.pid, comm_or_unknown(session), strerror(session.error));
+                log_warning("Broken session: %d (pid: %u, comm: %s): %s", session.id, session.pid,
+                            comm_or_unknown(session), strerror(session.error));
             }
         }
     }

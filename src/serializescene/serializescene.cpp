@@ -175,8 +175,8 @@ void convert_object_back(FrameObject& o, const Object& pbo) {
     }
     if (pbo.has_geoposition()) {
         const GeoPosition& g = pbo.geoposition();
-        o.set_geoposition({g.elevation(), g.has_dlat() ? g.dlat() : g.lat(),
-                           g.has_dlon() ? g.dlon() : g.lon()});
+        o.set_geoposition(
+            {g.elevation(), g.has_dlat() ? g.dlat() : g.lat(), g.has_dlon() ? g.dlon() : g.lon()});
     }
 }
 
@@ -240,7 +240,8 @@ void convert_scene_to_frame(Frame& frame, const Scene& scene) {
         }
     }
     if (scene.has_orientation()) {
-        frame.orientation = RadarOrientation{scene.orientation().tilt(), scene.orientation().roll()};
+        frame.orientation =
+            RadarOrientation{scene.orientation().tilt(), scene.orientation().roll()};
     }
     if (scene.has_param_changed()) {
         frame.param_changed = scene.param_changed();

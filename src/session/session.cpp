@@ -87,12 +87,12 @@ scene_format_t session_get_format(const session_t& session) {
     return session.format;
 }
 
-#define DEFINE_SESSION_OPTION(n)                                           \
-    void session_set_option##n(session_t& session, bool value) {           \
-        session.option##n = value;                                         \
-    }                                                                      \
-    bool session_get_option##n(const session_t& session) {                 \
-        return session.option##n;                                          \
+#define DEFINE_SESSION_OPTION(n)                                 \
+    void session_set_option##n(session_t& session, bool value) { \
+        session.option##n = value;                               \
+    }                                                            \
+    bool session_get_option##n(const session_t& session) {       \
+        return session.option##n;                                \
     }
 
 DEFINE_SESSION_OPTION(1)

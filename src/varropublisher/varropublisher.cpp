@@ -40,9 +40,9 @@ void varro_publisher_connect(varro_publisher_t& publisher, const std::string& cl
     }
 }
 
-std::unique_ptr<VarroTopicState> createTopicState(Client& client, const std::string& topicName,
-                                                  int supportedChannel, VarroTopicKind kind,
-                                                  const RadarScene::SerializeFrameOptions& options) {
+std::unique_ptr<VarroTopicState> createTopicState(
+    Client& client, const std::string& topicName, int supportedChannel, VarroTopicKind kind,
+    const RadarScene::SerializeFrameOptions& options) {
     auto state = std::make_unique<VarroTopicState>();
     state->topicName = topicName;
     state->kind = kind;
@@ -73,7 +73,8 @@ std::unique_ptr<VarroTopicState> createTopicState(Client& client, const std::str
         return nullptr;
     }
     std::string key = nlohmann::json{{"source", state->source}}.dump();
-    if (auto instance = state->writer->CreateInstance(TopicInstance(topicName, key, std::nullopt), true);
+    if (auto instance =
+            state->writer->CreateInstance(TopicInstance(topicName, key, std::nullopt), true);
         !instance) {
         log_error("Failed to create topic instance for topic '%s': %s", name,
                   instance.error().message.c_str());

@@ -165,15 +165,15 @@ std::string frame_wall_time(uint64_t time) {
 void convert_frame_to_zrf(std::string& out, const RadarScene::Frame& frame,
                           const std::map<int32_t, std::string>& classes, unsigned long raw_mask) {
     std::string timestamp = frame_wall_time(frame.time);
-    json document = {
-        {"consolidated", {{"tracks", json::array()}}},
-        {"frame",
-         {{"observations", converted_objects(frame, raw_mask,
-                                             [&](const FrameObject& o) {
-                                                 return observation(o, classes, timestamp);
-                                             })},
-          {"operations", json::array()},
-          {"timestamp", timestamp}}}};
+    json document = {{"consolidated", {{"tracks", json::array()}}},
+                     {"frame",
+                      {{"observations", converted_objects(frame, raw_mask,
+                                                          [&](const FrameObject& o) {
+                                                              return observation(o, classes,
+                                                                                 timestamp);
+                                                          })},
+                       {"operations", json::array()},
+                       {"timestamp", timestamp}}}};
     out = document.dump();
 }
 

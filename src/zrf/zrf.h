@@ -28,8 +28,7 @@ void convert_frame_to_zrf(std::string& out, const RadarScene::Frame& frame,
                           const std::map<int32_t, std::string>& classes, unsigned long raw_mask);
 
 void convert_frame_to_zrf_v1(std::string& out, const RadarScene::Frame& frame, int channel_id,
-                             const std::map<int32_t, std::string>& classes,
-                             unsigned long raw_mask);
+                             const std::map<int32_t, std::string>& classes, unsigned long raw_mask);
 
 enum class ObjectClassType : int32_t {
     Bike,

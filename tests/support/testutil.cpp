@@ -52,8 +52,7 @@ std::string StderrCapture::text() const {
 int StderrCapture::count(const std::string& needle) const {
     std::string all = text();
     int n = 0;
-    for (size_t pos = all.find(needle); pos != std::string::npos;
-         pos = all.find(needle, pos + 1)) {
+    for (size_t pos = all.find(needle); pos != std::string::npos; pos = all.find(needle, pos + 1)) {
         ++n;
     }
     return n;
@@ -75,8 +74,7 @@ std::string wire_submessage(const std::string& bytes, int number, int index) {
     for (int i = 0; i < fields.field_count(); ++i) {
         const auto& field = fields.field(i);
         if (field.number() == number &&
-            field.type() == google::protobuf::UnknownField::TYPE_LENGTH_DELIMITED &&
-            index-- == 0) {
+            field.type() == google::protobuf::UnknownField::TYPE_LENGTH_DELIMITED && index-- == 0) {
             return field.length_delimited();
         }
     }

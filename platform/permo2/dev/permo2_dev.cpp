@@ -119,7 +119,8 @@ extern "C" bool permo2_check_username(const char* username, const char* permissi
         return false;
     }
     for (const rule& r : rules) {
-        if (subject_matches(r.subject, username) && fnmatch(r.pattern.c_str(), permission, 0) == 0) {
+        if (subject_matches(r.subject, username) &&
+            fnmatch(r.pattern.c_str(), permission, 0) == 0) {
             return true;
         }
     }

@@ -115,8 +115,7 @@ namespace tessel_os_varro {
 
 std::unique_ptr<Client> Client::Create(const std::string& name, const ClientOptions& options) {
     std::string call = "Create(" + name + "," + std::to_string(options.protocol_version) + "," +
-                       std::to_string(options.priority) + "," + std::to_string(options.flags) +
-                       ")";
+                       std::to_string(options.priority) + "," + std::to_string(options.flags) + ")";
     if (record("Create", call)) {
         return nullptr;
     }
@@ -142,8 +141,7 @@ void reset() {
     topics.clear();
 }
 
-void fail(const std::string& operation, ApiErrorCode code, const std::string& message,
-          int times) {
+void fail(const std::string& operation, ApiErrorCode code, const std::string& message, int times) {
     std::lock_guard lock(mutex);
     failures[operation] = {code, message, times};
 }

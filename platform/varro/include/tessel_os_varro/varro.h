@@ -84,8 +84,8 @@ public:
     virtual ~TopicDataWriter() = default;
     virtual Result<void> Initialize(std::string topic) = 0;
     virtual Result<void> CreateInstance(const TopicInstance& instance, bool replace) = 0;
-    virtual Result<void> WriteData(
-        const TopicData& data, std::optional<std::chrono::system_clock::time_point> time) = 0;
+    virtual Result<void> WriteData(const TopicData& data,
+                                   std::optional<std::chrono::system_clock::time_point> time) = 0;
 };
 
 class Client {
