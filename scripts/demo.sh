@@ -21,21 +21,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-cat >"$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=$work/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-CONF
+sed "s|@DIR@|$work|" "$root/tools/private-bus.conf.in" >"$work/bus.conf"
 
 exec 3< <(dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --print-address=1 \
     2>/dev/null & echo "pid $!")

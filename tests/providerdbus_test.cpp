@@ -7,7 +7,6 @@
 
 #include <radarscene/scene.pb.h>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/wait.h>
@@ -31,16 +30,6 @@ public:
     ~SceneClient() { unregisterProxy(); }
     using ProxyInterfaces::getProxy;
 };
-
-int open_descriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir)) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
 
 // Calls `member` and returns "name: message" of the error, or "" on success.
 template <typename Call>

@@ -11,23 +11,12 @@
 
 #include <nlohmann/json.hpp>
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 namespace {
 
 constexpr const char* SERVICE = "com.tessel.RadarSceneProvider1";
 constexpr const char* PATH = "/com/tessel/RadarSceneProvider1";
-
-int open_descriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir)) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
 
 RadarScene::Frame sample_frame(uint64_t time) {
     RadarScene::Frame frame;

@@ -7,29 +7,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
-namespace {
-
-// Anyone may connect and own any name, so tests can also connect as an
-// unprivileged user.
-constexpr const char* CONFIG = R"(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=@DIR@/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
-
-}  // namespace
 
 TestBus::TestBus() {
     char dir_template[] = "/tmp/radarscene-bus-XXXXXX";
@@ -38,7 +18,9 @@ TestBus::TestBus() {
     }
     dir_ = dir_template;
     chmod(dir_.c_str(), 0755);
-    std::string config = CONFIG;
+    std::stringstream text;
+    text << std::ifstream(RADARSCENE_BUS_CONFIG_TEMPLATE).rdbuf();
+    std::string config = text.str();
     config.replace(config.find("@DIR@"), 5, dir_);
     std::string config_path = dir_ + "/bus.conf";
     std::ofstream(config_path) << config;

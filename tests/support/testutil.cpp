@@ -3,6 +3,7 @@
 #include <google/protobuf/unknown_field_set.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -117,4 +118,14 @@ bool read_record(int fd, std::string& payload, std::chrono::milliseconds timeout
 bool nothing_to_read(int fd) {
     pollfd p{fd, POLLIN, 0};
     return poll(&p, 1, 0) == 0;
+}
+
+int open_descriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir)) {
+        ++count;
+    }
+    closedir(dir);
+    return count;
 }
