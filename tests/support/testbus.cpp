@@ -10,7 +10,6 @@
 #include <sstream>
 #include <stdexcept>
 
-
 TestBus::TestBus() {
     char dir_template[] = "/tmp/radarscene-bus-XXXXXX";
     if (!mkdtemp(dir_template)) {
