@@ -17,9 +17,14 @@ build() {
 build "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ctest --test-dir "$root/build" --output-on-failure --parallel "$jobs"
 
-# Everything again under ThreadSanitizer: the worker threads, semaphores,
-# locks and event-loop threads are where races would hide. Death tests fork
-# and are left out there.
+# Everything again under AddressSanitizer and UndefinedBehaviorSanitizer,
+# then under ThreadSanitizer: the worker threads, semaphores, locks and
+# event-loop threads are where races would hide. Death tests fork and are
+# left out under ThreadSanitizer.
+build "$root/build-asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRADARSCENE_SANITIZE=address \
+    -DRADARSCENE_BUILD_BENCHMARKS=OFF
+ctest --test-dir "$root/build-asan" --output-on-failure --parallel "$jobs"
+
 build "$root/build-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRADARSCENE_SANITIZE=thread \
     -DRADARSCENE_BUILD_BENCHMARKS=OFF
 GTEST_FILTER='-*DeathTest*' TSAN_OPTIONS=halt_on_error=1 \

@@ -236,6 +236,28 @@ TEST_F(Provider, ChannelAndClassificationQueries) {
     EXPECT_EQ(RadarScene::getSupportedClasses(), expected);
 }
 
+TEST_F(Provider, ProviderWithoutClassesAsksTheWellKnownProvider) {
+    start();
+    provider->addObjectClassification(4, "Truck");
+
+    // A second provider under another name, with no classes of its own.
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    auto other_handler = channel_handler_create();
+    EventLoopThread other_loop;
+    ProviderScene other(*connection, "com.tessel.Other", "/other", other_handler.get(), true);
+    RadarScene::ConnectionEventSource other_source(*connection, other_loop.event());
+    other_loop.start();
+
+    auto proxy = sdbus::createProxy(*client_connection, "com.tessel.Other", "/other");
+    std::map<int32_t, std::string> classes;
+    proxy->callMethod("GetObjectClassifications")
+        .onInterface("com.tessel.RadarSceneProvider1.Scene")
+        .withArguments(int32_t{1})
+        .storeResultsTo(classes);
+    EXPECT_EQ(classes, (std::map<int32_t, std::string>{{4, "Truck"}}));
+    other_loop.stop();
+}
+
 TEST_F(Provider, RefusedCallersGetAccessDeniedAndALogLine) {
     start();
     std::string me = client_connection->getUniqueName();
