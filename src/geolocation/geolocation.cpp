@@ -30,6 +30,15 @@ void log_failure(const char* where, const std::exception& e) {
     log_error("%s: %s", where, e.what());
 }
 
+// Enters the variant when it holds `contents`; false when it holds another type.
+bool enter_variant(sd_bus_message* m, const char* contents) {
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
+    if (r == -ENXIO) {
+        return false;
+    }
+    return check(r, "sd_bus_message_enter_container") > 0;
+}
+
 bool key_is(const char* key, std::string_view name) {
     return std::string_view(key) == name;
 }
@@ -114,8 +123,7 @@ void GeoLocation::parseProperties(sd_bus_message* m) {
                  "sd_bus_message_enter_container") > 0) {
         const char* key = nullptr;
         check(sd_bus_message_read(m, "s", &key), "sd_bus_message_read");
-        int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "d");
-        if (r > 0) {
+        if (enter_variant(m, "d")) {
             double value = 0;
             check(sd_bus_message_read(m, "d", &value), "sd_bus_message_read");
             check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
@@ -126,17 +134,13 @@ void GeoLocation::parseProperties(sd_bus_message* m) {
             } else if (key_is(key, "heading")) {
                 heading = value;
             }
-        } else if (r != -ENXIO && r < 0) {
-            check(r, "sd_bus_message_enter_container");
-        } else if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "b")) > 0) {
+        } else if (enter_variant(m, "b")) {
             int value = 0;
             check(sd_bus_message_read(m, "b", &value), "sd_bus_message_read");
             check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
             if (key_is(key, "valid_pos")) {
                 valid = value != 0;
             }
-        } else if (r != -ENXIO && r < 0) {
-            check(r, "sd_bus_message_enter_container");
         } else {
             check(sd_bus_message_skip(m, "v"), "sd_bus_message_skip");
         }
