@@ -155,4 +155,6 @@ TEST(ChannelHandlerDeathTest, MisuseAborts) {
     }
     EXPECT_DEATH(on_session_error(*handler, 99),
                  "handler.broken_sessions.count < MAX_ACTIVE_SESSION_IDS");
+    EXPECT_DEATH(channel_handler_push(*handler, MAX_CHANNELS, RadarScene::Frame{}, 0),
+                 "channel_index >= 0 && channel_index < MAX_CHANNELS");
 }

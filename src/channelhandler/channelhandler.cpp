@@ -101,6 +101,7 @@ int channel_handler_clear_broken_sessions(channel_handler_t& handler) {
 
 void channel_handler_push(channel_handler_t& handler, int channel_index,
                           const RadarScene::Frame& frame, unsigned long raw_mask) {
+    RS_ASSERT(channel_index >= 0 && channel_index < MAX_CHANNELS);
     channel_t* channel = handler.channels[channel_index].get();
     if (channel) {
         channel_push(*channel, frame, raw_mask);

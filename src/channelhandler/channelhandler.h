@@ -47,5 +47,7 @@ void on_session_error(channel_handler_t& handler, int session_id);
 // Removes the queued broken sessions; runs on the event loop. Returns their
 // number, or -1 when the queue is out of range.
 int channel_handler_clear_broken_sessions(channel_handler_t& handler);
+// Hands the frame to the channel's subscribers, if the channel has any.
+// `channel_index` must be 0..MAX_CHANNELS-1.
 void channel_handler_push(channel_handler_t& handler, int channel_index,
                           const RadarScene::Frame& frame, unsigned long raw_mask);
