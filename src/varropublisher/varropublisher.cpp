@@ -27,6 +27,15 @@ nlohmann::json envelope(const VarroTopicState& topic, const std::string& encoded
               {"tv_nsec", static_cast<int64_t>(timestamp.tv_nsec)}}}};
 }
 
+// The payload in base64, in the publisher's reused buffer.
+const std::string& encoded_payload(varro_publisher_t& publisher) {
+    const std::string& payload = publisher.payload;
+    std::string& encoded = publisher.encoded;
+    encoded.resize(4 * ((payload.size() + 2) / 3));
+    encoded.resize(base64_encode(payload.data(), payload.size(), encoded.data()));
+    return encoded;
+}
+
 }  // namespace
 
 void varro_publisher_connect(varro_publisher_t& publisher, const std::string& client_name) {
@@ -110,19 +119,15 @@ void publishToTopic(varro_publisher_t& publisher, API::DBus& provider, VarroTopi
                     const RadarScene::Frame& frame, unsigned long raw_mask,
                     const timespec& timestamp) {
     std::string& payload = publisher.payload;
-    std::string& encoded = publisher.encoded;
     nlohmann::json document;
     switch (topic.kind) {
         case SceneProvider::SerializedScene:
+            RadarScene::serializeFrame(payload, frame, topic.options);
+            document = envelope(topic, encoded_payload(publisher), timestamp);
+            break;
         case SceneProvider::ZrfDocument:
-            if (topic.kind == SceneProvider::SerializedScene) {
-                RadarScene::serializeFrame(payload, frame, topic.options);
-            } else {
-                convert_frame_to_zrf(payload, frame, provider.objectClassifications(), raw_mask);
-            }
-            encoded.resize(4 * ((payload.size() + 2) / 3));
-            encoded.resize(base64_encode(payload.data(), payload.size(), encoded.data()));
-            document = envelope(topic, encoded, timestamp);
+            convert_frame_to_zrf(payload, frame, provider.objectClassifications(), raw_mask);
+            document = envelope(topic, encoded_payload(publisher), timestamp);
             break;
         case SceneProvider::ZrfV1Document:
             convert_frame_to_zrf_v1(payload, frame, std::stoi(topic.source),
