@@ -20,11 +20,11 @@ constexpr timeval SEND_TIMEOUT = {1, 0};
 RadarScene::SerializeFrameOptions session_options(const session_t& session,
                                                   unsigned long raw_mask) {
     RadarScene::SerializeFrameOptions options;
-    options.bounding_box = session.option1;
-    options.polygon = session.option2;
-    options.velocity = session.option3;
-    options.geolocation = session.option4;
-    options.raw = session.option5;
+    options.bounding_box = session_get_option1(session);
+    options.polygon = session_get_option2(session);
+    options.velocity = session_get_option3(session);
+    options.geolocation = session_get_option4(session);
+    options.raw = session_get_option5(session);
     options.filtered_classes = static_cast<uint32_t>(raw_mask);
     return options;
 }
@@ -39,7 +39,8 @@ int write_record(int fd, const std::string& payload) {
 }
 
 const char* comm_or_unknown(const session_t& session) {
-    return session.comm ? session.comm : "(unknown)";
+    const char* comm = session_get_comm(session);
+    return comm ? comm : "(unknown)";
 }
 
 }  // namespace
@@ -96,7 +97,8 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
         for (auto& session_ptr : sender.session_list) {
             RS_ASSERT(session_ptr);
             session_t& session = *session_ptr;
-            if (session.state == SESSION_STATE_BROKEN || session.state == SESSION_STATE_CLOSED) {
+            session_state_t state = session_get_state(session);
+            if (state == SESSION_STATE_BROKEN || state == SESSION_STATE_CLOSED) {
                 continue;
             }
             std::string payload;

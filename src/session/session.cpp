@@ -83,10 +83,6 @@ void session_set_format(session_t& session, scene_format_t value) {
     session.format = value;
 }
 
-scene_format_t session_get_format(const session_t& session) {
-    return session.format;
-}
-
 #define DEFINE_SESSION_OPTION(n)                                 \
     void session_set_option##n(session_t& session, bool value) { \
         session.option##n = value;                               \

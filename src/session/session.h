@@ -46,7 +46,6 @@ void session_set_pid(session_t& session, unsigned pid);
 unsigned session_get_pid(const session_t& session);
 const char* session_get_comm(const session_t& session);
 void session_set_format(session_t& session, scene_format_t value);
-scene_format_t session_get_format(const session_t& session);
 
 void session_set_option1(session_t& session, bool value);
 void session_set_option2(session_t& session, bool value);
