@@ -1,6 +1,7 @@
 #include "geolocation/geolocation.h"
 
 #include "common/log.h"
+#include "common/syscall.h"
 #include "geolocation/geoprojection.h"
 
 #include <cerrno>
@@ -18,14 +19,6 @@ constexpr const char* PROPERTIES_CHANGED_MATCH =
     "type='signal',sender='com.tessel.GeoLocation1',path='/com/tessel/GeoLocation1',"
     "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
 
-// Turns a negative sd-bus result into a system_error named after the call.
-int check(int r, const char* call) {
-    if (r < 0) {
-        throw std::system_error(-r, std::system_category(), call);
-    }
-    return r;
-}
-
 void log_failure(const char* where, const std::exception& e) {
     log_error("%s: %s", where, e.what());
 }
@@ -36,19 +29,12 @@ bool enter_variant(sd_bus_message* m, const char* contents) {
     if (r == -ENXIO) {
         return false;
     }
-    return check(r, "sd_bus_message_enter_container") > 0;
+    return check_call(r, "sd_bus_message_enter_container") > 0;
 }
 
 bool key_is(const char* key, std::string_view name) {
     return std::string_view(key) == name;
 }
-
-struct bus_closer {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct message_unref {
-    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
 
 }  // namespace
 
@@ -58,14 +44,14 @@ GeoLocation::GeoLocation(sd_event* event)
       interface("com.tessel.GeoLocation1"),
       properties_interface("org.freedesktop.DBus.Properties") {
     try {
-        check(sd_bus_open_system(&bus), "sd_bus_open_system");
-        check(sd_bus_attach_event(bus, event, 0), "sd_bus_attach_event");
-        check(sd_bus_add_match(bus, &name_owner_slot_, NAME_OWNER_CHANGED_MATCH,
-                               &GeoLocation::onNameOwnerChanged, this),
-              "sd_bus_add_match");
-        check(sd_bus_add_match(bus, &properties_slot_, PROPERTIES_CHANGED_MATCH,
-                               &GeoLocation::onPropertiesChanged, this),
-              "sd_bus_add_match");
+        check_call(sd_bus_open_system(&bus), "sd_bus_open_system");
+        check_call(sd_bus_attach_event(bus, event, 0), "sd_bus_attach_event");
+        check_call(sd_bus_add_match(bus, &name_owner_slot_, NAME_OWNER_CHANGED_MATCH,
+                                    &GeoLocation::onNameOwnerChanged, this),
+                   "sd_bus_add_match");
+        check_call(sd_bus_add_match(bus, &properties_slot_, PROPERTIES_CHANGED_MATCH,
+                                    &GeoLocation::onPropertiesChanged, this),
+                   "sd_bus_add_match");
     } catch (const std::system_error& e) {
         log_failure("GeoLocation", e);
     }
@@ -80,7 +66,7 @@ GeoLocation::~GeoLocation() {
     }
     try {
         if (sd_bus_get_event(bus)) {
-            check(sd_bus_detach_event(bus), "sd_bus_detach_event");
+            check_call(sd_bus_detach_event(bus), "sd_bus_detach_event");
         }
         sd_bus_flush_close_unref(bus);
     } catch (const std::system_error& e) {
@@ -91,16 +77,16 @@ GeoLocation::~GeoLocation() {
 void GeoLocation::initProperties() {
     try {
         sd_bus* raw_bus = nullptr;
-        check(sd_bus_open_system(&raw_bus), "sd_bus_open_system");
-        std::unique_ptr<sd_bus, bus_closer> connection(raw_bus);
+        check_call(sd_bus_open_system(&raw_bus), "sd_bus_open_system");
+        sd_bus_ptr connection(raw_bus);
         sd_bus_message* raw_reply = nullptr;
         sd_bus_error error = SD_BUS_ERROR_NULL;
         int r = sd_bus_call_method(connection.get(), service.c_str(), path.c_str(),
                                    properties_interface.c_str(), "GetAll", &error, &raw_reply, "s",
                                    interface.c_str());
         sd_bus_error_free(&error);
-        std::unique_ptr<sd_bus_message, message_unref> reply(raw_reply);
-        check(r, "sd_bus_call_method");
+        sd_bus_message_ptr reply(raw_reply);
+        check_call(r, "sd_bus_call_method");
         parseProperties(reply.get());
     } catch (const std::system_error& e) {
         log_failure("initProperties", e);
@@ -117,16 +103,16 @@ void GeoLocation::setLatitude(double value) {
 // Reads an a{sv} of properties. Values of the expected type are stored;
 // anything else is skipped. Throws system_error on malformed messages.
 void GeoLocation::parseProperties(sd_bus_message* m) {
-    check(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}"),
-          "sd_bus_message_enter_container");
-    while (check(sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv"),
-                 "sd_bus_message_enter_container") > 0) {
+    check_call(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}"),
+               "sd_bus_message_enter_container");
+    while (check_call(sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv"),
+                      "sd_bus_message_enter_container") > 0) {
         const char* key = nullptr;
-        check(sd_bus_message_read(m, "s", &key), "sd_bus_message_read");
+        check_call(sd_bus_message_read(m, "s", &key), "sd_bus_message_read");
         if (enter_variant(m, "d")) {
             double value = 0;
-            check(sd_bus_message_read(m, "d", &value), "sd_bus_message_read");
-            check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+            check_call(sd_bus_message_read(m, "d", &value), "sd_bus_message_read");
+            check_call(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
             if (key_is(key, "latitude")) {
                 setLatitude(value);
             } else if (key_is(key, "longitude")) {
@@ -136,23 +122,23 @@ void GeoLocation::parseProperties(sd_bus_message* m) {
             }
         } else if (enter_variant(m, "b")) {
             int value = 0;
-            check(sd_bus_message_read(m, "b", &value), "sd_bus_message_read");
-            check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+            check_call(sd_bus_message_read(m, "b", &value), "sd_bus_message_read");
+            check_call(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
             if (key_is(key, "valid_pos")) {
                 valid = value != 0;
             }
         } else {
-            check(sd_bus_message_skip(m, "v"), "sd_bus_message_skip");
+            check_call(sd_bus_message_skip(m, "v"), "sd_bus_message_skip");
         }
-        check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+        check_call(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
     }
-    check(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
+    check_call(sd_bus_message_exit_container(m), "sd_bus_message_exit_container");
 }
 
 int GeoLocation::handlePropertiesChanged(sd_bus_message* m) {
     try {
         const char* changed_interface = nullptr;
-        check(sd_bus_message_read(m, "s", &changed_interface), "sd_bus_message_read");
+        check_call(sd_bus_message_read(m, "s", &changed_interface), "sd_bus_message_read");
         parseProperties(m);
     } catch (const std::system_error& e) {
         log_failure("handlePropertiesChanged", e);
@@ -166,7 +152,8 @@ int GeoLocation::handleNameOwnerChanged(sd_bus_message* m) {
         const char* name = nullptr;
         const char* old_owner = nullptr;
         const char* new_owner = nullptr;
-        check(sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner), "sd_bus_message_read");
+        check_call(sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner),
+                   "sd_bus_message_read");
         if (new_owner && *new_owner) {
             initProperties();
         }

@@ -1,4 +1,5 @@
 #include "common/log.h"
+#include "common/syscall.h"
 
 #include <radarscene/RadarScene.h>
 #include <systemd/sd-bus.h>
@@ -13,37 +14,21 @@ constexpr const char* DESTINATION = "com.tessel.RadarSceneProvider1";
 constexpr const char* OBJECT_PATH = "/com/tessel/RadarSceneProvider1";
 constexpr const char* INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
 
-int check(int r, const char* call) {
-    if (r < 0) {
-        throw std::system_error(-r, std::system_category(), call);
-    }
-    return r;
-}
-
-struct bus_closer {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct message_unref {
-    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
-};
-using bus_ptr = std::unique_ptr<sd_bus, bus_closer>;
-using message_ptr = std::unique_ptr<sd_bus_message, message_unref>;
-
-bus_ptr open_system_bus() {
+sd_bus_ptr open_system_bus() {
     sd_bus* bus = nullptr;
-    check(sd_bus_open_system(&bus), "sd_bus_open_system");
-    return bus_ptr(bus);
+    check_call(sd_bus_open_system(&bus), "sd_bus_open_system");
+    return sd_bus_ptr(bus);
 }
 
 // Reads the reply's array of `element` values with `read_one` until it ends.
 template <typename ReadOne>
 void read_array(sd_bus_message* reply, const char* element, ReadOne&& read_one) {
-    check(sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, element),
-          "sd_bus_message_enter_container");
+    check_call(sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, element),
+               "sd_bus_message_enter_container");
     while (sd_bus_message_at_end(reply, false) == 0) {
         read_one();
     }
-    check(sd_bus_message_exit_container(reply), "sd_bus_message_exit_container");
+    check_call(sd_bus_message_exit_container(reply), "sd_bus_message_exit_container");
 }
 
 // Runs a query; D-Bus trouble is logged and yields an empty result.
@@ -63,12 +48,12 @@ Result logged_query(Body&& body) {
 
 std::vector<int32_t> RadarScene::getSupportedRadarChannels() {
     return logged_query<std::vector<int32_t>>([] {
-        bus_ptr bus = open_system_bus();
+        sd_bus_ptr bus = open_system_bus();
         sd_bus_error error = SD_BUS_ERROR_NULL;
         sd_bus_message* raw_reply = nullptr;
         int r = sd_bus_call_method(bus.get(), DESTINATION, OBJECT_PATH, INTERFACE,
                                    "GetSupportedChannels", &error, &raw_reply, "");
-        message_ptr reply(raw_reply);
+        sd_bus_message_ptr reply(raw_reply);
         if (r < 0) {
             std::string message = error.message ? error.message : strerror(-r);
             log_error("Failed to get supported radar channels: %s", message.c_str());
@@ -78,7 +63,7 @@ std::vector<int32_t> RadarScene::getSupportedRadarChannels() {
         std::vector<int32_t> channels;
         read_array(reply.get(), "i", [&] {
             int32_t channel = 0;
-            check(sd_bus_message_read(reply.get(), "i", &channel), "sd_bus_message_read");
+            check_call(sd_bus_message_read(reply.get(), "i", &channel), "sd_bus_message_read");
             channels.push_back(channel);
         });
         return channels;
@@ -87,12 +72,12 @@ std::vector<int32_t> RadarScene::getSupportedRadarChannels() {
 
 std::map<int32_t, std::string> RadarScene::getSupportedClasses() {
     return logged_query<std::map<int32_t, std::string>>([] {
-        bus_ptr bus = open_system_bus();
+        sd_bus_ptr bus = open_system_bus();
         sd_bus_error error = SD_BUS_ERROR_NULL;
         sd_bus_message* raw_reply = nullptr;
         int r = sd_bus_call_method(bus.get(), DESTINATION, OBJECT_PATH, INTERFACE,
                                    "GetObjectClassifications", &error, &raw_reply, "i", 1);
-        message_ptr reply(raw_reply);
+        sd_bus_message_ptr reply(raw_reply);
         if (r < 0) {
             std::string message = error.message ? error.message : strerror(-r);
             sd_bus_error_free(&error);
@@ -102,7 +87,7 @@ std::map<int32_t, std::string> RadarScene::getSupportedClasses() {
         read_array(reply.get(), "{is}", [&] {
             int32_t id = 0;
             const char* name = nullptr;
-            check(sd_bus_message_read(reply.get(), "{is}", &id, &name), "sd_bus_message_read");
+            check_call(sd_bus_message_read(reply.get(), "{is}", &id, &name), "sd_bus_message_read");
             classes[id] = name;
         });
         return classes;

@@ -1,3 +1,5 @@
+#include "common/syscall.h"
+
 #include <radarscene/RadarScene.h>
 #include <sdbus-c++/IConnection.h>
 #include <systemd/sd-event.h>
@@ -19,12 +21,6 @@ struct ConnectionEventSource::Impl {
     ~Impl() {
         sd_event_source_disable_unref(io);
         sd_event_source_disable_unref(timer);
-    }
-
-    static void check(int r, const char* call) {
-        if (r < 0) {
-            throw std::system_error(-r, std::system_category(), call);
-        }
     }
 
     void process() {
@@ -64,12 +60,12 @@ struct ConnectionEventSource::Impl {
 ConnectionEventSource::ConnectionEventSource(sdbus::IConnection& connection, sd_event* event)
     : impl_(std::make_unique<Impl>(connection)) {
     sdbus::IConnection::PollData poll = connection.getEventLoopPollData();
-    Impl::check(sd_event_add_io(event, &impl_->io, poll.fd, static_cast<uint32_t>(poll.events),
-                                &Impl::on_io, impl_.get()),
-                "sd_event_add_io");
-    Impl::check(sd_event_source_set_prepare(impl_->io, &Impl::on_prepare),
-                "sd_event_source_set_prepare");
-    Impl::check(
+    check_call(sd_event_add_io(event, &impl_->io, poll.fd, static_cast<uint32_t>(poll.events),
+                               &Impl::on_io, impl_.get()),
+               "sd_event_add_io");
+    check_call(sd_event_source_set_prepare(impl_->io, &Impl::on_prepare),
+               "sd_event_source_set_prepare");
+    check_call(
         sd_event_add_time(event, &impl_->timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
         "sd_event_add_time");
     impl_->process();

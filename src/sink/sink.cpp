@@ -1,5 +1,6 @@
 #include "channelhandler/channelhandler.h"
 #include "common/log.h"
+#include "common/syscall.h"
 #include "geolocation/geolocation.h"
 #include "providerdbus/providerscene.h"
 #include "varropublisher/varropublisher.h"
@@ -32,14 +33,9 @@ struct Sink::Impl {
           provider(connection, config.serviceName, config.objectPath, handler.get(),
                    config.requestNameNow) {
         varro_publisher_connect(publisher, config.clientName);
-        int r = sd_event_add_time(event, &timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_timer, this);
-        if (r < 0) {
-            throw std::system_error(-r, std::system_category(), "sd_event_add_time");
-        }
-        r = sd_event_source_set_enabled(timer, SD_EVENT_ON);
-        if (r < 0) {
-            throw std::system_error(-r, std::system_category(), "sd_event_source_set_enabled");
-        }
+        check_call(sd_event_add_time(event, &timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_timer, this),
+                   "sd_event_add_time");
+        check_call(sd_event_source_set_enabled(timer, SD_EVENT_ON), "sd_event_source_set_enabled");
     }
 
     ~Impl() { sd_event_source_disable_unref(timer); }
