@@ -157,13 +157,12 @@ TEST_F(SinkEndToEnd, ClosedSubscriberIsRemovedByTheTimer) {
 }
 
 TEST_F(SinkEndToEnd, NewSinkReplacesTheGeolocationClient) {
-    GeoLocation* first = geolocation_current();
-    ASSERT_NE(first, nullptr);
+    const GeoLocation* first = &*GeoLocationReader();
     loop.stop();
     auto connection = sdbus::createSystemBusConnection();
     RadarScene::Sink second(*connection, loop.event(),
                             RadarScene::SinkConfig{"radar-2", "com.tessel.Other", "/other", false});
-    EXPECT_NE(geolocation_current(), first);
+    EXPECT_NE(&*GeoLocationReader(), first);
 }
 
 TEST_F(SinkEndToEnd, NullTextsAreRejected) {

@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "common/rs_assert.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -20,6 +21,33 @@ std::unique_ptr<session_t> make_session(const subscription_options_t& options, i
     session_set_pid(*session, pid);
     session_set_state(*session, SESSION_STATE_ACTIVE);
     return session;
+}
+
+// Drops a removed session's id from the broken-session queue. Ids are queued
+// only while their session is in its sender's list, so after this the queue
+// never holds more ids than there are sessions.
+void forget_broken_session(channel_handler_t& handler, int session_id) {
+    std::lock_guard lock(handler.broken_sessions_mutex);
+    broken_sessions_t& broken = handler.broken_sessions;
+    auto queued = broken.ids.begin() + broken.count;
+    auto kept = std::remove(broken.ids.begin(), queued, session_id);
+    std::fill(kept, queued, 0);
+    broken.count = static_cast<uint32_t>(kept - broken.ids.begin());
+}
+
+// Empties the queue; the caller holds the broken-sessions mutex.
+std::vector<int> take_broken_sessions(broken_sessions_t& broken) {
+    std::vector<int> ids(broken.ids.begin(), broken.ids.begin() + broken.count);
+    std::fill(broken.ids.begin(), broken.ids.begin() + broken.count, 0);
+    broken.count = 0;
+    return ids;
+}
+
+int remove_sessions(channel_handler_t& handler, const std::vector<int>& ids) {
+    for (int id : ids) {
+        channel_handler_remove_session(handler, id);
+    }
+    return static_cast<int>(ids.size());
 }
 
 }  // namespace
@@ -65,6 +93,7 @@ int channel_handler_remove_session(channel_handler_t& handler, int session_id) {
     for (auto& channel : handler.channels) {
         if (channel && channel_remove_session(*channel, session_id)) {
             --handler.n_sessions;
+            forget_broken_session(handler, session_id);
             return 0;
         }
     }
@@ -89,14 +118,18 @@ int channel_handler_clear_broken_sessions(channel_handler_t& handler) {
                       static_cast<int>(broken.count));
             return -1;
         }
-        ids.assign(broken.ids.begin(), broken.ids.begin() + broken.count);
-        std::fill(broken.ids.begin(), broken.ids.begin() + broken.count, 0);
-        broken.count = 0;
+        ids = take_broken_sessions(broken);
     }
-    for (int id : ids) {
-        channel_handler_remove_session(handler, id);
+    return remove_sessions(handler, ids);
+}
+
+int channel_handler_drain_broken_sessions(channel_handler_t& handler) {
+    std::vector<int> ids;
+    {
+        std::lock_guard lock(handler.broken_sessions_mutex);
+        ids = take_broken_sessions(handler.broken_sessions);
     }
-    return static_cast<int>(ids.size());
+    return remove_sessions(handler, ids);
 }
 
 void channel_handler_push(channel_handler_t& handler, int channel_index,

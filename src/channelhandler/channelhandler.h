@@ -23,13 +23,16 @@ struct broken_sessions_t {
 // Lock order, the only one in which the distribution locks nest:
 //   sessions_mutex -> channel_t::mutex -> scene_sender_t::mutex.
 // broken_sessions_mutex is a leaf, never held while taking another lock.
+//
+// `channels` is declared last so that it is destroyed first: the worker
+// threads it stops may still report broken sessions into the members above.
 struct channel_handler_t {
-    std::array<std::unique_ptr<channel_t>, MAX_CHANNELS> channels;
     int32_t next_session_id = 0;
     int32_t n_sessions = 0;
     broken_sessions_t broken_sessions;
     std::mutex broken_sessions_mutex;
     std::mutex sessions_mutex;
+    std::array<std::unique_ptr<channel_t>, MAX_CHANNELS> channels;
 };
 
 std::unique_ptr<channel_handler_t> channel_handler_create();
@@ -40,13 +43,17 @@ void channel_handler_create_channel(channel_handler_t& handler, int channel_inde
 int channel_handler_add_session(channel_handler_t& handler, int channel_index, unsigned pid,
                                 const subscription_options_t& options, unique_fd& subscriber_fd,
                                 int& session_id);
-// Always 0; an unknown id is only logged.
+// Always 0; an unknown id is only logged. A removed session's id leaves the
+// broken-session queue too.
 int channel_handler_remove_session(channel_handler_t& handler, int session_id);
 // Queues a broken session's id; called on a worker thread.
 void on_session_error(channel_handler_t& handler, int session_id);
 // Removes the queued broken sessions; runs on the event loop. Returns their
 // number, or -1 when the queue is out of range.
 int channel_handler_clear_broken_sessions(channel_handler_t& handler);
+// Removes the queued broken sessions whatever their number, the recovery
+// for a queue that the clear step refuses. Returns their number.
+int channel_handler_drain_broken_sessions(channel_handler_t& handler);
 // Hands the frame to the channel's subscribers, if the channel has any.
 // `channel_index` must be 0..MAX_CHANNELS-1.
 void channel_handler_push(channel_handler_t& handler, int channel_index,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <memory>
 #include <system_error>
@@ -20,5 +21,9 @@ struct sd_bus_closer {
 struct sd_bus_message_unref_deleter {
     void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
 };
+struct sd_event_source_disabler {
+    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
 using sd_bus_ptr = std::unique_ptr<sd_bus, sd_bus_closer>;
 using sd_bus_message_ptr = std::unique_ptr<sd_bus_message, sd_bus_message_unref_deleter>;
+using sd_event_source_ptr = std::unique_ptr<sd_event_source, sd_event_source_disabler>;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -18,6 +19,10 @@ constexpr const char* NAME_OWNER_CHANGED_MATCH =
 constexpr const char* PROPERTIES_CHANGED_MATCH =
     "type='signal',sender='com.tessel.GeoLocation1',path='/com/tessel/GeoLocation1',"
     "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
+
+// The service may own its name and never answer; the loop that waits for it
+// must not stall for sd-bus's default of 25 seconds.
+constexpr uint64_t GET_ALL_TIMEOUT_USEC = 2'000'000;
 
 void log_failure(const char* where, const std::exception& e) {
     log_error("%s: %s", where, e.what());
@@ -79,6 +84,8 @@ void GeoLocation::initProperties() {
         sd_bus* raw_bus = nullptr;
         check_call(sd_bus_open_system(&raw_bus), "sd_bus_open_system");
         sd_bus_ptr connection(raw_bus);
+        check_call(sd_bus_set_method_call_timeout(raw_bus, GET_ALL_TIMEOUT_USEC),
+                   "sd_bus_set_method_call_timeout");
         sd_bus_message* raw_reply = nullptr;
         sd_bus_error error = SD_BUS_ERROR_NULL;
         int r = sd_bus_call_method(connection.get(), service.c_str(), path.c_str(),
@@ -101,8 +108,19 @@ void GeoLocation::setLatitude(double value) {
 }
 
 // Reads an a{sv} of properties. Values of the expected type are stored;
-// anything else is skipped. Throws system_error on malformed messages.
-void GeoLocation::parseProperties(sd_bus_message* m) {
+// anything else is skipped. A malformed message is logged and its negative
+// errno returned.
+int GeoLocation::parseProperties(sd_bus_message* m) {
+    try {
+        readProperties(m);
+    } catch (const std::system_error& e) {
+        log_failure("parseProperties", e);
+        return -e.code().value();
+    }
+    return 0;
+}
+
+void GeoLocation::readProperties(sd_bus_message* m) {
     check_call(sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}"),
                "sd_bus_message_enter_container");
     while (check_call(sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv"),
@@ -139,12 +157,11 @@ int GeoLocation::handlePropertiesChanged(sd_bus_message* m) {
     try {
         const char* changed_interface = nullptr;
         check_call(sd_bus_message_read(m, "s", &changed_interface), "sd_bus_message_read");
-        parseProperties(m);
     } catch (const std::system_error& e) {
         log_failure("handlePropertiesChanged", e);
         return -e.code().value();
     }
-    return 0;
+    return parseProperties(m);
 }
 
 int GeoLocation::handleNameOwnerChanged(sd_bus_message* m) {
@@ -174,21 +191,43 @@ int GeoLocation::onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*
 
 namespace {
 
-std::mutex current_mutex;
+// Guards `current_client`: readers share it while they project, and a
+// replacement waits for them before it destroys the previous client.
+std::shared_mutex current_mutex;
 std::unique_ptr<GeoLocation> current_client;
-std::atomic<GeoLocation*> current_pointer{nullptr};
+
+// The client of a process that never installed one (a consumer without a
+// Sink): it follows the service from an event loop thread of its own and
+// lives as long as the process.
+const GeoLocation& own_client() {
+    static const GeoLocation* client = [] {
+        sd_event* event = nullptr;
+        int r = sd_event_new(&event);
+        if (r < 0) {
+            log_error("GeoLocation: sd_event_new: %s", strerror(-r));
+        }
+        auto* created = new GeoLocation(event);
+        if (event) {
+            std::thread([event] { sd_event_loop(event); }).detach();
+        }
+        return created;
+    }();
+    return *client;
+}
 
 }  // namespace
 
 void geolocation_set_current(std::unique_ptr<GeoLocation> client) {
     std::unique_ptr<GeoLocation> previous;
     {
-        std::lock_guard lock(current_mutex);
-        current_pointer = client.get();
+        std::unique_lock lock(current_mutex);
         previous = std::exchange(current_client, std::move(client));
     }
 }
 
-GeoLocation* geolocation_current() {
-    return current_pointer.load();
+GeoLocationReader::GeoLocationReader() : lock_(current_mutex), client_(current_client.get()) {
+    if (!client_) {
+        lock_.unlock();
+        client_ = &own_client();
+    }
 }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 
 // Follows the device's position and heading as published by the platform's
@@ -36,7 +37,8 @@ public:
     std::atomic<double> lat_deg_per_metre{0};
 
 private:
-    void parseProperties(sd_bus_message* message);
+    int parseProperties(sd_bus_message* message);
+    void readProperties(sd_bus_message* message);
     int handlePropertiesChanged(sd_bus_message* message);
     int handleNameOwnerChanged(sd_bus_message* message);
     void setLatitude(double value);
@@ -47,7 +49,19 @@ private:
     sd_bus_slot* properties_slot_ = nullptr;
 };
 
-// The process-wide client used by the projection. Installing a new one
-// destroys the previous one.
+// Installs the process-wide client used by the projection. The previous one
+// is destroyed once no reader holds it.
 void geolocation_set_current(std::unique_ptr<GeoLocation> client);
-GeoLocation* geolocation_current();
+
+// A reader's hold on the process-wide client: the client it names stays
+// alive while the reader lives. A process that never installed a client
+// gets one of its own on first use.
+class GeoLocationReader {
+public:
+    GeoLocationReader();
+    const GeoLocation& operator*() const { return *client_; }
+
+private:
+    std::shared_lock<std::shared_mutex> lock_;
+    const GeoLocation* client_;
+};

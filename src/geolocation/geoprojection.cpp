@@ -1,6 +1,5 @@
 #include "geolocation/geoprojection.h"
 
-#include "common/rs_assert.h"
 #include "geolocation/geolocation.h"
 
 #include <cmath>
@@ -59,8 +58,7 @@ geo_projection geo_project(const GeoLocation& device, double distance, double be
 namespace {
 
 geo_projection project_object(const RadarScene::FrameObject& object) {
-    const GeoLocation* device = geolocation_current();
-    RS_ASSERT(device && "No geolocation client installed");
+    GeoLocationReader device;
     return geo_project(*device, object.position.x, object.position.y);
 }
 

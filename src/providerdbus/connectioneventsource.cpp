@@ -12,36 +12,32 @@ namespace RadarScene {
 // sd_event has no notion of an sdbus-c++ connection, so the connection's
 // poll data is mirrored into an io source and a time source, refreshed
 // before every loop iteration as sd_bus_attach_event does for plain sd-bus.
+// Each dispatch serves one request: while more are queued the poll data's
+// timeout is now, so the time source fires again at the next iteration, after
+// the loop's other pending sources had their turn.
 struct ConnectionEventSource::Impl {
     sdbus::IConnection& connection;
-    sd_event_source* io = nullptr;
-    sd_event_source* timer = nullptr;
+    sd_event_source_ptr io;
+    sd_event_source_ptr timer;
 
     explicit Impl(sdbus::IConnection& c) : connection(c) {}
-    ~Impl() {
-        sd_event_source_disable_unref(io);
-        sd_event_source_disable_unref(timer);
-    }
 
-    void process() {
-        while (connection.processPendingRequest()) {
-        }
-    }
+    void process() { connection.processPendingRequest(); }
 
     int prepare() {
         sdbus::IConnection::PollData poll = connection.getEventLoopPollData();
-        int r = sd_event_source_set_io_events(io, static_cast<uint32_t>(poll.events));
+        int r = sd_event_source_set_io_events(io.get(), static_cast<uint32_t>(poll.events));
         if (r < 0) {
             return r;
         }
         if (poll.timeout_usec == UINT64_MAX) {
-            return sd_event_source_set_enabled(timer, SD_EVENT_OFF);
+            return sd_event_source_set_enabled(timer.get(), SD_EVENT_OFF);
         }
-        r = sd_event_source_set_time(timer, poll.timeout_usec);
+        r = sd_event_source_set_time(timer.get(), poll.timeout_usec);
         if (r < 0) {
             return r;
         }
-        return sd_event_source_set_enabled(timer, SD_EVENT_ONESHOT);
+        return sd_event_source_set_enabled(timer.get(), SD_EVENT_ONESHOT);
     }
 
     static int on_io(sd_event_source*, int, uint32_t, void* self) {
@@ -60,15 +56,16 @@ struct ConnectionEventSource::Impl {
 ConnectionEventSource::ConnectionEventSource(sdbus::IConnection& connection, sd_event* event)
     : impl_(std::make_unique<Impl>(connection)) {
     sdbus::IConnection::PollData poll = connection.getEventLoopPollData();
-    check_call(sd_event_add_io(event, &impl_->io, poll.fd, static_cast<uint32_t>(poll.events),
+    sd_event_source* source = nullptr;
+    check_call(sd_event_add_io(event, &source, poll.fd, static_cast<uint32_t>(poll.events),
                                &Impl::on_io, impl_.get()),
                "sd_event_add_io");
-    check_call(sd_event_source_set_prepare(impl_->io, &Impl::on_prepare),
+    impl_->io.reset(source);
+    check_call(sd_event_source_set_prepare(source, &Impl::on_prepare),
                "sd_event_source_set_prepare");
-    check_call(
-        sd_event_add_time(event, &impl_->timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
-        "sd_event_add_time");
-    impl_->process();
+    check_call(sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
+               "sd_event_add_time");
+    impl_->timer.reset(source);
 }
 
 ConnectionEventSource::~ConnectionEventSource() = default;

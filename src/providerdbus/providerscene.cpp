@@ -58,7 +58,8 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
       connection_(connection),
       serviceName_(std::move(serviceName)),
       classificationClient_(
-          std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)) {
+          std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)),
+      classificationClientName_(classificationClient_->getProxy().getConnection().getUniqueName()) {
     registerAdaptor();
     if (requestNameNow) {
         requestName();
@@ -87,6 +88,10 @@ void ProviderScene::requestName() {
 
 void ProviderScene::checkCaller() {
     check_authorization_permo(*getObject().getCurrentlyProcessedMessage());
+}
+
+std::string ProviderScene::currentSender() {
+    return getObject().getCurrentlyProcessedMessage()->getSender();
 }
 
 std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
@@ -148,6 +153,12 @@ std::map<int32_t, std::string> ProviderScene::GetObjectClassifications(const int
         std::lock_guard lock(mutex_);
         checkCaller();
         if (!classifications.empty()) {
+            return classifications;
+        }
+        // Our own forwarded question, answered by whoever owns the well-known
+        // name: when that is this provider, forwarding it again would chain
+        // calls for ever, so it has no classes to offer.
+        if (currentSender() == classificationClientName_) {
             return classifications;
         }
         return classificationClient_->GetObjectClassifications(channel);

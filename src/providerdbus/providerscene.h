@@ -18,6 +18,7 @@ class ClassificationClient
 public:
     ClassificationClient(std::string destination, std::string objectPath);
     ~ClassificationClient();
+    using ProxyInterfaces::getProxy;
 };
 
 // The provider object on the producer's connection. Every method runs on
@@ -43,10 +44,12 @@ private:
     std::map<int32_t, std::string> GetObjectClassifications(const int32_t& channel) override;
 
     void checkCaller();
+    std::string currentSender();
 
     sdbus::IConnection& connection_;
     std::string serviceName_;
     std::unique_ptr<ClassificationClient> classificationClient_;
+    std::string classificationClientName_;  // unique bus name of its connection
     bool nameRequested_ = false;
 };
 

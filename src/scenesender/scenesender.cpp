@@ -11,11 +11,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <vector>
 
 namespace {
 
 constexpr timeval SEND_TIMEOUT = {1, 0};
+// A record that is not fully written within this time breaks its session,
+// however much the subscriber reads meanwhile.
+constexpr int RECORD_TIMEOUT_MS = 1000;
 
 RadarScene::SerializeFrameOptions session_options(const session_t& session,
                                                   unsigned long raw_mask) {
@@ -35,7 +37,7 @@ int write_record(int fd, const std::string& payload) {
     uint32_t header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
     iovec buffers[2] = {{&header, sizeof(header)},
                         {const_cast<char*>(payload.data()), payload.size()}};
-    return writev_all(fd, buffers, 2, nullptr);
+    return writev_all(fd, buffers, 2, nullptr, RECORD_TIMEOUT_MS);
 }
 
 const char* comm_or_unknown(const session_t& session) {
@@ -117,11 +119,11 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
 }
 
 int cleanup_broken_sessions(scene_sender_t& sender) {
-    // Only this thread marks sessions broken and only the event loop removes
-    // them, so the count read here bounds the ids collected below.
-    std::vector<int> ids;
-    ids.reserve(static_cast<size_t>(scene_sender_get_num_sessions(sender)));
+    int count = 0;
     {
+        // The ids are passed on while the lock is held: an unsubscription
+        // removes the session under the same lock, so an id can never be
+        // reported after its session has gone.
         std::lock_guard lock(sender.mutex);
         for (auto& session_ptr : sender.session_list) {
             session_t& session = *session_ptr;
@@ -129,7 +131,7 @@ int cleanup_broken_sessions(scene_sender_t& sender) {
                 continue;
             }
             session_set_state(session, SESSION_STATE_CLOSED);
-            ids.push_back(session.id);
+            ++count;
             if (session.error == EPIPE) {
                 log_info("Session closed: %d (pid: %u, comm: %s)", session.id, session.pid,
                          comm_or_unknown(session));
@@ -137,15 +139,13 @@ int cleanup_broken_sessions(scene_sender_t& sender) {
                 log_warning("Broken session: %d (pid: %u, comm: %s): %s", session.id, session.pid,
                             comm_or_unknown(session), strerror(session.error));
             }
-        }
-    }
-    if (!ids.empty()) {
-        for (int id : ids) {
             if (sender.session_error_callback) {
-                sender.session_error_callback(id);
+                sender.session_error_callback(session.id);
             }
         }
-        log_info("Cleaned up %d broken sessions", static_cast<int>(ids.size()));
     }
-    return static_cast<int>(ids.size());
+    if (count > 0) {
+        log_info("Cleaned up %d broken sessions", count);
+    }
+    return count;
 }

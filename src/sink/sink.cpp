@@ -33,16 +33,21 @@ struct Sink::Impl {
           provider(connection, config.serviceName, config.objectPath, handler.get(),
                    config.requestNameNow) {
         varro_publisher_connect(publisher, config.clientName);
-        check_call(sd_event_add_time(event, &timer, CLOCK_MONOTONIC, 0, 0, &Impl::on_timer, this),
+        sd_event_source* source = nullptr;
+        check_call(sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, &Impl::on_timer, this),
                    "sd_event_add_time");
-        check_call(sd_event_source_set_enabled(timer, SD_EVENT_ON), "sd_event_source_set_enabled");
+        timer.reset(source);
+        check_call(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
     }
-
-    ~Impl() { sd_event_source_disable_unref(timer); }
 
     // Removes the sessions whose writes failed, every second, on the loop.
     static int on_timer(sd_event_source* source, uint64_t, void* self) {
-        channel_handler_clear_broken_sessions(*static_cast<Impl*>(self)->handler);
+        channel_handler_t& handler = *static_cast<Impl*>(self)->handler;
+        if (channel_handler_clear_broken_sessions(handler) < 0) {
+            // The clear step refuses a full queue; empty it all the same, or
+            // those sessions would hold every slot for ever.
+            channel_handler_drain_broken_sessions(handler);
+        }
         int r = sd_event_source_set_time_relative(source, BROKEN_SESSION_PERIOD_USEC);
         if (r < 0) {
             log_error("Failed to set repeat timer for clearing broken sessions: %s", strerror(-r));
@@ -53,8 +58,18 @@ struct Sink::Impl {
     std::unique_ptr<channel_handler_t> handler;
     API::SdBusCpp::ProviderScene provider;
     varro_publisher_t publisher;
-    sd_event_source* timer = nullptr;
+    sd_event_source_ptr timer;
 };
+
+namespace {
+
+void add_topic(Sink::Impl& impl, const std::string& name, SceneProvider::VarroTopicKind kind,
+               const SerializeFrameOptions& options) {
+    varro_publisher_add_topic(impl.publisher, name, impl.provider.supportedChannel(), kind,
+                              options);
+}
+
+}  // namespace
 
 Sink::Sink(sdbus::IConnection& connection, sd_event* event, SinkConfig config)
     : impl_(std::make_unique<Impl>(connection, event, config)) {
@@ -81,7 +96,10 @@ void Sink::setRawMask(unsigned long mask) {
 
 void Sink::push(int channel, const Frame& frame) {
     channel_handler_push(*impl_->handler, channel, frame, raw_mask);
-    publish(impl_->publisher, impl_->provider, channel, frame, raw_mask);
+    if (!impl_->publisher.topics.empty()) {
+        publish(impl_->publisher, channel, frame, raw_mask,
+                impl_->provider.objectClassifications());
+    }
 }
 
 void Sink::push(int channel, std::string_view data) {
@@ -89,18 +107,15 @@ void Sink::push(int channel, std::string_view data) {
 }
 
 void Sink::addMessageBrokerTopic(std::string_view name, SerializeFrameOptions options) {
-    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("mdb.", name),
-                              SceneProvider::SerializedScene, options);
+    add_topic(*impl_, topic_name("mdb.", name), SceneProvider::SerializedScene, options);
 }
 
 void Sink::addMessageBrokerTopicZRF(std::string_view name) {
-    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("mdb.", name),
-                              SceneProvider::ZrfDocument, {});
+    add_topic(*impl_, topic_name("mdb.", name), SceneProvider::ZrfDocument, {});
 }
 
 void Sink::addVarroTopicZRFv1(std::string_view name) {
-    varro_publisher_add_topic(impl_->publisher, impl_->provider, topic_name("", name),
-                              SceneProvider::ZrfV1Document, {});
+    add_topic(*impl_, topic_name("", name), SceneProvider::ZrfV1Document, {});
 }
 
 }  // namespace RadarScene

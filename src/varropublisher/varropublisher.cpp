@@ -2,7 +2,6 @@
 
 #include "common/log.h"
 #include "common/rs_assert.h"
-#include "providerdbus/dbus.h"
 #include "varropublisher/base64.h"
 #include "varropublisher/topicdefinitions.h"
 #include "zrf/zrf.h"
@@ -92,32 +91,31 @@ std::unique_ptr<VarroTopicState> createTopicState(
     return state;
 }
 
-void varro_publisher_add_topic(varro_publisher_t& publisher, API::DBus& provider,
-                               const std::string& topicName, VarroTopicKind kind,
+void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& topicName,
+                               int supportedChannel, VarroTopicKind kind,
                                const RadarScene::SerializeFrameOptions& options) {
     RS_ASSERT(publisher.client && "No broker client");
-    auto state =
-        createTopicState(*publisher.client, topicName, provider.supportedChannel(), kind, options);
+    auto state = createTopicState(*publisher.client, topicName, supportedChannel, kind, options);
     if (state) {
         publisher.topics.push_back(std::move(state));
     }
 }
 
-void publish(varro_publisher_t& publisher, API::DBus& provider, int channel,
-             const RadarScene::Frame& frame, unsigned long raw_mask) {
+void publish(varro_publisher_t& publisher, int channel, const RadarScene::Frame& frame,
+             unsigned long raw_mask, const std::map<int32_t, std::string>& classes) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     std::string source = std::to_string(channel + 1);
     for (auto& topic : publisher.topics) {
         if (topic->source == source) {
-            publishToTopic(publisher, provider, *topic, frame, raw_mask, now);
+            publishToTopic(publisher, *topic, frame, raw_mask, classes, now);
         }
     }
 }
 
-void publishToTopic(varro_publisher_t& publisher, API::DBus& provider, VarroTopicState& topic,
+void publishToTopic(varro_publisher_t& publisher, VarroTopicState& topic,
                     const RadarScene::Frame& frame, unsigned long raw_mask,
-                    const timespec& timestamp) {
+                    const std::map<int32_t, std::string>& classes, const timespec& timestamp) {
     std::string& payload = publisher.payload;
     nlohmann::json document;
     switch (topic.kind) {
@@ -126,12 +124,11 @@ void publishToTopic(varro_publisher_t& publisher, API::DBus& provider, VarroTopi
             document = envelope(topic, encoded_payload(publisher), timestamp);
             break;
         case SceneProvider::ZrfDocument:
-            convert_frame_to_zrf(payload, frame, provider.objectClassifications(), raw_mask);
+            convert_frame_to_zrf(payload, frame, classes, raw_mask);
             document = envelope(topic, encoded_payload(publisher), timestamp);
             break;
         case SceneProvider::ZrfV1Document:
-            convert_frame_to_zrf_v1(payload, frame, std::stoi(topic.source),
-                                    provider.objectClassifications(), raw_mask);
+            convert_frame_to_zrf_v1(payload, frame, std::stoi(topic.source), classes, raw_mask);
             document = {{"source", topic.source}, {"data", payload}};
             break;
     }

@@ -3,13 +3,10 @@
 #include "varropublisher/varrotopicstate.h"
 
 #include <ctime>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-namespace API {
-class DBus;
-}
 
 // The broker part of a Sink: the client, the topics in registration order,
 // and two buffers reused by every publication. Not locked: registration and
@@ -31,16 +28,17 @@ std::unique_ptr<SceneProvider::VarroTopicState> createTopicState(
     tessel_os_varro::Client& client, const std::string& topicName, int supportedChannel,
     SceneProvider::VarroTopicKind kind, const RadarScene::SerializeFrameOptions& options);
 
-// createTopicState for the provider's channel; a registered topic is kept.
-void varro_publisher_add_topic(varro_publisher_t& publisher, API::DBus& provider,
-                               const std::string& topicName, SceneProvider::VarroTopicKind kind,
+// createTopicState for the Sink's channel; a registered topic is kept.
+void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& topicName,
+                               int supportedChannel, SceneProvider::VarroTopicKind kind,
                                const RadarScene::SerializeFrameOptions& options);
 
 // Publishes the frame of `channel` to every topic bound to it, all stamped
-// with one reading of the monotonic clock.
-void publish(varro_publisher_t& publisher, API::DBus& provider, int channel,
-             const RadarScene::Frame& frame, unsigned long raw_mask);
+// with one reading of the monotonic clock. `classes` names the object
+// classes in the ZRF documents.
+void publish(varro_publisher_t& publisher, int channel, const RadarScene::Frame& frame,
+             unsigned long raw_mask, const std::map<int32_t, std::string>& classes);
 
-void publishToTopic(varro_publisher_t& publisher, API::DBus& provider,
-                    SceneProvider::VarroTopicState& topic, const RadarScene::Frame& frame,
-                    unsigned long raw_mask, const timespec& timestamp);
+void publishToTopic(varro_publisher_t& publisher, SceneProvider::VarroTopicState& topic,
+                    const RadarScene::Frame& frame, unsigned long raw_mask,
+                    const std::map<int32_t, std::string>& classes, const timespec& timestamp);

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <stdexcept>
@@ -61,11 +62,14 @@ json world_velocity(const FrameObject& o) {
     return {{"x", o.velocity.vx}, {"y", o.velocity.vy}};
 }
 
+// A projected position has no known elevation (the device reports none),
+// so only a stored geoposition carries one.
 void add_geoposition(json& out, const FrameObject& o) {
     if (auto geo = geo_object_query(o, false)) {
-        out["geoposition"] = {{"latitude", geo->latitude},
-                              {"longitude", geo->longitude},
-                              {"elevation", geo->elevation.value_or(0)}};
+        json& g = out["geoposition"] = {{"latitude", geo->latitude}, {"longitude", geo->longitude}};
+        if (o.has_geoposition()) {
+            g["elevation"] = o.geoposition.elevation;
+        }
     }
 }
 
@@ -148,17 +152,28 @@ ObjectClassType object_class_type_from_name(const std::string& name) {
 
 std::string frame_wall_time(uint64_t time) {
     using namespace std::chrono;
-    auto system_now = floor<microseconds>(system_clock::now());
-    auto steady_now = steady_clock::now().time_since_epoch();
-    auto wall = system_now + (nanoseconds(time) - duration_cast<nanoseconds>(steady_now));
-    auto seconds = floor<std::chrono::seconds>(wall);
-    std::time_t t = system_clock::to_time_t(seconds);
+    constexpr int64_t NS_PER_SECOND = 1'000'000'000;
+    int64_t system_now = duration_cast<nanoseconds>(
+                             floor<microseconds>(system_clock::now()).time_since_epoch())
+                             .count();
+    auto steady_now = static_cast<uint64_t>(steady_clock::now().time_since_epoch().count());
+    // The frame's distance from now, taken modulo 2^64 and then saturated, so
+    // that every 64-bit time gives a well-defined date.
+    auto offset = static_cast<int64_t>(time - steady_now);
+    int64_t wall = 0;
+    if (__builtin_add_overflow(system_now, offset, &wall)) {
+        wall = offset < 0 ? INT64_MIN : INT64_MAX;
+    }
+    int64_t fraction = wall % NS_PER_SECOND;
+    if (fraction < 0) {
+        fraction += NS_PER_SECOND;
+    }
+    std::time_t t = static_cast<std::time_t>((wall - fraction) / NS_PER_SECOND);
     std::tm utc;
     gmtime_r(&t, &utc);
     char text[64];
     size_t n = std::strftime(text, sizeof(text), "%FT%T", &utc);
-    snprintf(text + n, sizeof(text) - n, ".%09lld",
-             static_cast<long long>(duration_cast<nanoseconds>(wall - seconds).count()));
+    snprintf(text + n, sizeof(text) - n, ".%09lld", static_cast<long long>(fraction));
     return text;
 }
 

@@ -19,7 +19,8 @@
 //   world_velocity  <- velocity3d {x, y, z}, else velocity {x, y}
 //   velocity (ZRF)  <- velocity {x, y}
 //   geoposition     <- the stored geoposition, or the projection while the device
-//                      position is valid
+//                      position is valid (without elevation, which the device
+//                      does not know)
 // A frame carries no track history, images or track events, so "operations" and
 // "consolidated.tracks" are empty and "image", "image_id" and "track_events" absent.
 // Timestamps are the frame time on the wall clock, formatted "%FT%T" in UTC.
