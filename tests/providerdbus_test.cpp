@@ -352,11 +352,3 @@ TEST(ProviderQueries, NoProviderGivesEmptyResultsAndLogLines) {
     EXPECT_EQ(log.count("<3>Failed to get supported radar channels: "), 1);
     EXPECT_EQ(log.count("com.tessel.RadarSceneProvider1"), 3);
 }
-
-TEST(ProviderDeathTest, SecondSupportedChannelAborts) {
-    permo2_fake::reset();
-    auto handler = channel_handler_create();
-    API::DBus front(handler.get());
-    front.addSupportedChannel(0);
-    EXPECT_DEATH(front.addSupportedChannel(1), "supportedChannel_ == -1");
-}

@@ -158,10 +158,29 @@ TEST_F(SceneSink, DestroyingARunningSinkStopsIt) {
     EXPECT_EQ(next_time(), 3u);
 }
 
-TEST(SceneSinkDeathTest, MisuseAborts) {
-    scene_sender_t sender;
-    auto sink = scene_sink_create(&sender);
-    EXPECT_DEATH(scene_sink_stop(*sink),
-                 "sink.state == SINK_STATE_RUNNING && \"Sink is already stopped.\"");
-    EXPECT_DEATH(scene_sink_create(nullptr), "sender");
+TEST_F(SceneSink, StopReleasesAProducerBlockedInPush) {
+    scene_sink_start(*sink);
+    ASSERT_TRUE(wait_until([&] { return slot_tokens() == 3; }));
+    std::atomic<bool> producer_returned{false};
+    std::thread producer, stopper;
+    {
+        std::lock_guard block_worker(sender.mutex);
+        scene_sink_push(*sink, frame(1), 0);
+        ASSERT_TRUE(wait_until([&] { return !frame_pending(); }));
+        scene_sink_push(*sink, frame(2), 0);
+        scene_sink_push(*sink, frame(3), 0);
+        producer = std::thread([&] {
+            scene_sink_push(*sink, frame(4), 0);
+            producer_returned = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ASSERT_FALSE(producer_returned);
+        stopper = std::thread([&] { scene_sink_stop(*sink); });
+        // The worker is still stuck in its send, so only stop can let the
+        // producer go.
+        EXPECT_TRUE(wait_until([&] { return producer_returned.load(); }));
+    }
+    producer.join();
+    stopper.join();
+    EXPECT_EQ(sink->state, SINK_STATE_STOPPED);
 }

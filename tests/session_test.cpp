@@ -41,10 +41,3 @@ TEST(Session, SecondDescriptorClosesTheFirst) {
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(session_get_fd(session), fds[1]);
 }
-
-TEST(SessionDeathTest, NegativeIdAndUnknownFormatAbort) {
-    session_t session;
-    EXPECT_DEATH(session_set_id(session, -1), "id >= 0");
-    EXPECT_DEATH(session_set_format(session, static_cast<scene_format_t>(2)),
-                 "value == SCENE_FORMAT_PROTO_1 && \"Invalid session format specified!\"");
-}
