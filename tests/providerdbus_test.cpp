@@ -2,6 +2,7 @@
 #include "permo2_fake.h"
 #include "providerdbus/providerscene.h"
 #include "support/eventloopthread.h"
+#include "support/fakedevice.h"
 #include "support/testbus.h"
 #include "support/testutil.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 constexpr const char* SERVICE = "com.tessel.RadarSceneProvider1";
 constexpr const char* PATH = "/com/tessel/RadarSceneProvider1";
+constexpr const char* INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
 
 // A subscriber's view of the provider, on a connection of its own.
 class SceneClient : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
@@ -352,3 +354,121 @@ TEST(ProviderQueries, NoProviderGivesEmptyResultsAndLogLines) {
     EXPECT_EQ(log.count("<3>Failed to get supported radar channels: "), 1);
     EXPECT_EQ(log.count("com.tessel.RadarSceneProvider1"), 3);
 }
+
+TEST_F(Provider, EachFeatureKeyShapesOnlyItsOwnPartOfTheScene) {
+    install_device(10, 20, 0, true);
+    start();
+    const char* keys[] = {"BOUNDINGBOX_ENABLED", "POLYGON_ENABLED", "VELOCITY_ENABLED",
+                          "GEOLOCATION_ENABLED", "RAW_ENABLED"};
+    std::vector<sdbus::UnixFd> handles;
+    for (const char* key : keys) {
+        handles.push_back(std::get<0>(client->SubscribeSocket(3, 0, {{key, true}})));
+    }
+    RadarScene::Frame frame;
+    RadarScene::FrameObject full;
+    full.id = 1;
+    full.set_bounding_box({1, 2, 3, 4});
+    full.set_polygon({{1, 2}, {3, 4}});
+    full.set_velocity({1, 2});
+    full.set_position({50, 10, 0});
+    RadarScene::FrameObject masked;
+    masked.id = 2;
+    masked.set_classifications({{2, std::nullopt}});
+    frame.objects = {full, masked};
+    channel_handler_push(*handler, 0, frame, 1ul << 2);
+
+    auto shape = [](const RadarScene::Scene& scene) {
+        const RadarScene::Object& o = scene.objects(0);
+        return std::string(o.has_bounding_box() ? "B" : "") + (o.has_polygon() ? "P" : "") +
+               (o.has_velocity() ? "V" : "") + (o.has_geoposition() ? "G" : "") +
+               std::to_string(scene.objects_size());
+    };
+    const char* expected[] = {"B1", "P1", "V1", "G1", "2"};
+    for (size_t i = 0; i < handles.size(); ++i) {
+        std::string payload;
+        ASSERT_TRUE(read_record(handles[i].get(), payload));
+        RadarScene::Scene scene;
+        ASSERT_TRUE(scene.ParseFromString(payload));
+        EXPECT_EQ(shape(scene), expected[i]) << keys[i];
+    }
+}
+
+TEST_F(Provider, ForwardedQuestionFromItselfEndsTheChain) {
+    // The provider owns the well-known name and has no classes: it forwards
+    // the question to itself, and that call cannot be served while it waits.
+    setenv("SYSTEMD_BUS_TIMEOUT", "1", 1);
+    start();
+    std::map<int32_t, std::string> classes;
+    EXPECT_NE(error_of([&] {
+                  client->getProxy()
+                      .callMethod("GetObjectClassifications")
+                      .onInterface(INTERFACE)
+                      .withTimeout(std::chrono::seconds(10))
+                      .withArguments(int32_t{1})
+                      .storeResultsTo(classes);
+              }),
+              "");
+    unsetenv("SYSTEMD_BUS_TIMEOUT");
+    // The queued forwarded call is answered at once instead of forwarding
+    // again, so the loop is free for the next caller.
+    int32_t count = 0;
+    EXPECT_EQ(error_of([&] {
+                  client->getProxy()
+                      .callMethod("GetNumberOfChannels")
+                      .onInterface(INTERFACE)
+                      .withTimeout(std::chrono::milliseconds(500))
+                      .storeResultsTo(count);
+              }),
+              "");
+    EXPECT_EQ(count, 1);
+}
+
+namespace {
+
+// A source that is always due; records the most requests the provider
+// served between two of its turns.
+struct Turns {
+    size_t last = 0;
+    size_t most = 0;
+    static int on_turn(sd_event_source* source, uint64_t, void* self) {
+        auto* turns = static_cast<Turns*>(self);
+        size_t served = permo2_fake::check_count();
+        turns->most = std::max(turns->most, served - turns->last);
+        turns->last = served;
+        sd_event_source_set_time(source, 0);
+        return sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
+    }
+};
+
+}  // namespace
+
+TEST_F(Provider, QueuedRequestsTakeTurnsWithTheLoopsOtherSources) {
+    start();
+    Turns turns;
+    sd_event_source* always_due = nullptr;
+    loop.run([&] {
+        sd_event_add_time(loop.event(), &always_due, CLOCK_MONOTONIC, 0, 0, &Turns::on_turn,
+                          &turns);
+    });
+    constexpr size_t CALLS = 2000;
+    sd_bus* flood = nullptr;
+    ASSERT_GE(sd_bus_open_user(&flood), 0);
+    for (size_t i = 0; i < CALLS; ++i) {
+        // No reply expected: the bus would refuse more than a few hundred
+        // outstanding calls from one sender.
+        sd_bus_message* call = nullptr;
+        ASSERT_GE(sd_bus_message_new_method_call(flood, &call, SERVICE, PATH, INTERFACE,
+                                                 "GetNumberOfChannels"),
+                  0);
+        sd_bus_message_set_expect_reply(call, 0);
+        ASSERT_GE(sd_bus_send(flood, call, nullptr), 0);
+        sd_bus_message_unref(call);
+    }
+    sd_bus_flush(flood);
+    EXPECT_TRUE(wait_until([] { return permo2_fake::check_count() >= CALLS; },
+                           std::chrono::seconds(60)));
+    loop.run([&] { sd_event_source_disable_unref(always_due); });
+    sd_bus_flush_close_unref(flood);
+    EXPECT_LE(turns.most, 3u);
+}
+

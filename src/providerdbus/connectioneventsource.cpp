@@ -33,6 +33,15 @@ struct ConnectionEventSource::Impl {
         if (poll.timeout_usec == UINT64_MAX) {
             return sd_event_source_set_enabled(timer.get(), SD_EVENT_OFF);
         }
+        // Re-arming a source that is already due would also make it the
+        // newest pending one and let other due sources go first for ever.
+        uint64_t armed_at = 0;
+        int enabled = SD_EVENT_OFF;
+        sd_event_source_get_time(timer.get(), &armed_at);
+        sd_event_source_get_enabled(timer.get(), &enabled);
+        if (enabled == SD_EVENT_ONESHOT && armed_at == poll.timeout_usec) {
+            return 0;
+        }
         r = sd_event_source_set_time(timer.get(), poll.timeout_usec);
         if (r < 0) {
             return r;

@@ -48,6 +48,11 @@ std::vector<check> checks() {
     return recorded;
 }
 
+size_t check_count() {
+    std::lock_guard lock(mutex);
+    return recorded.size();
+}
+
 }  // namespace permo2_fake
 
 extern "C" bool permo2_init(permo2_error* error, int) {

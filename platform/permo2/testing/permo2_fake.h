@@ -21,5 +21,6 @@ void fail_init(const std::string& message);
 void refuse(int code, const std::string& message);
 bool initialised();
 std::vector<check> checks();
+size_t check_count();
 
 }  // namespace permo2_fake
