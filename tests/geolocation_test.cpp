@@ -151,6 +151,14 @@ public:
         });
     }
 
+    // A PropertiesChanged whose changed properties are not an a{sv}.
+    void emit_malformed() {
+        call([](sd_bus* bus) {
+            sd_bus_emit_signal(bus, "/com/tessel/GeoLocation1", "org.freedesktop.DBus.Properties",
+                               "PropertiesChanged", "sas", "com.tessel.GeoLocation1", 0);
+        });
+    }
+
     std::atomic<double> latitude{59.5}, longitude{18.25}, heading{90};
     std::atomic<bool> valid{true};
 
@@ -274,3 +282,71 @@ TEST_F(GeoLocationClient, MissingServiceIsHarmlessAndArrivalIsFollowed) {
     ASSERT_TRUE(settle_until([&] { return client.latitude == 10; }));
     EXPECT_FALSE(client.valid);
 }
+
+TEST_F(GeoLocationClient, MalformedChangeIsLoggedByTheParser) {
+    FakeGeoService service;
+    service.publish();
+    GeoLocation client(event_);
+    StderrCapture log;
+    service.emit_malformed();
+    service.emit_change("heading", 12);
+    ASSERT_TRUE(settle_until([&] { return client.heading == 12; }));
+    EXPECT_EQ(log.count("<3>parseProperties: sd_bus_message_enter_container: "), 1);
+    EXPECT_EQ(log.count("handlePropertiesChanged"), 0);
+}
+
+TEST_F(GeoLocationClient, ServiceThatNeverAnswersCostsAShortWait) {
+    sd_bus* silent = nullptr;
+    ASSERT_GE(sd_bus_open_user(&silent), 0);
+    ASSERT_GE(sd_bus_request_name(silent, "com.tessel.GeoLocation1", 0), 0);
+    StderrCapture log;
+    auto started = std::chrono::steady_clock::now();
+    GeoLocation client(event_);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+    EXPECT_EQ(log.count("<3>initProperties: sd_bus_call_method: " + std::string(strerror(ETIMEDOUT))),
+              1);
+    sd_bus_flush_close_unref(silent);
+}
+
+TEST(GeoLocationCurrent, ReplacingTheClientWhileReadersProject) {
+    install_device(10, 20, 0, true);
+    Frame frame;
+    FrameObject o;
+    o.set_position({100, 45, 0});
+    frame.objects = {o};
+    SerializeFrameOptions options;
+    options.geolocation = true;
+    std::atomic<bool> replacing{true};
+    std::thread reader([&] {
+        std::string out;
+        while (replacing) {
+            serializeFrame(out, frame, options);
+            Frame copy = frame;
+            addGeoLocation(copy);
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        install_device(10 + i % 3, 20, 0, true);
+    }
+    replacing = false;
+    reader.join();
+}
+
+TEST(GeoLocationCurrent, ProcessWithoutAClientFollowsTheServiceOnItsOwn) {
+    TestBus bus;
+    FakeGeoService service;
+    service.publish();
+    geolocation_set_current(nullptr);
+    auto projected_latitude = [] {
+        Frame frame;
+        FrameObject o;
+        o.set_position({0, 0, 0});
+        frame.objects = {o};
+        addGeoLocation(frame);
+        return frame.objects[0].geoposition.latitude;
+    };
+    EXPECT_DOUBLE_EQ(projected_latitude(), 59.5);
+    service.emit_change("latitude", 11);
+    EXPECT_TRUE(wait_until([&] { return projected_latitude() == 11; }));
+}
+
