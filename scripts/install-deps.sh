@@ -8,6 +8,7 @@ packages=(
     libsdbus-c++-dev libsdbus-c++-bin libsystemd-dev
     libprotobuf-dev protobuf-compiler nlohmann-json3-dev
     dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev
+    clang-14 libfuzzer-14-dev libclang-rt-14-dev
 )
 
 missing=()

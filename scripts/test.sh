@@ -29,3 +29,17 @@ build "$root/build-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRADARSCENE_SANITIZE
     -DRADARSCENE_BUILD_BENCHMARKS=OFF
 GTEST_FILTER='-*DeathTest*' TSAN_OPTIONS=halt_on_error=1 \
     ctest --test-dir "$root/build-tsan" --output-on-failure --parallel "$jobs"
+
+# The scene decoder against arbitrary bytes for a minute: libFuzzer with
+# AddressSanitizer and UndefinedBehaviorSanitizer, built with clang.
+cmake -S "$root/fuzz" -B "$root/build-fuzz" -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
+cmake --build "$root/build-fuzz" --parallel "$jobs"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/corpus"
+if ! "$root/build-fuzz/deserializeframe_fuzz" -max_total_time=60 -print_final_stats=1 \
+    -artifact_prefix="$work/" "$work/corpus" >"$work/fuzz.log" 2>&1; then
+    cat "$work/fuzz.log"
+    exit 1
+fi
+tail -n 2 "$work/fuzz.log"

