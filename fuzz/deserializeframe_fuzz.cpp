@@ -33,8 +33,8 @@ bool breaks_decoder_invariants(const RadarScene::Scene& scene) {
 }
 
 void report() {
-    std::fprintf(stderr, "deserializeFrame: %zu inputs, %zu of them with an expected abort\n",
-                 runs, expected_aborts);
+    std::fprintf(stderr, "deserializeFrame: %zu inputs, %zu of them with an expected abort\n", runs,
+                 expected_aborts);
 }
 
 }  // namespace

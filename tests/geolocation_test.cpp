@@ -256,8 +256,8 @@ TEST_F(GeoLocationClient, ServiceThatNeverAnswersCostsAShortWait) {
     auto started = std::chrono::steady_clock::now();
     GeoLocation client(event_);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
-    EXPECT_EQ(log.count("<3>initProperties: sd_bus_call_method: " + std::string(strerror(ETIMEDOUT))),
-              1);
+    EXPECT_EQ(
+        log.count("<3>initProperties: sd_bus_call_method: " + std::string(strerror(ETIMEDOUT))), 1);
     sd_bus_flush_close_unref(silent);
 }
 
@@ -302,4 +302,3 @@ TEST(GeoLocationCurrent, ProcessWithoutAClientFollowsTheServiceOnItsOwn) {
     service.emit_change("latitude", 11);
     EXPECT_TRUE(wait_until([&] { return projected_latitude() == 11; }));
 }
-

@@ -433,10 +433,9 @@ TEST_F(Provider, QueuedRequestsTakeTurnsWithTheLoopsOtherSources) {
         sd_bus_message_unref(call);
     }
     sd_bus_flush(flood);
-    EXPECT_TRUE(wait_until([] { return permo2_fake::check_count() >= CALLS; },
-                           std::chrono::seconds(60)));
+    EXPECT_TRUE(
+        wait_until([] { return permo2_fake::check_count() >= CALLS; }, std::chrono::seconds(60)));
     loop.run([&] { sd_event_source_disable_unref(always_due); });
     sd_bus_flush_close_unref(flood);
     EXPECT_LE(turns.most, 3u);
 }
-

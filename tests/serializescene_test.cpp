@@ -245,7 +245,6 @@ TEST(DeserializeFrameDeathTest, BrokenVelocityAndPositionRulesAbort) {
     EXPECT_DEATH(deserializeFrame(position.SerializeAsString()), "pbo.position\\(\\).has_z\\(\\)");
 }
 
-
 TEST(SerializeFrame, FullyPopulatedSceneIsByteExact) {
     SerializeFrameOptions options = all_options();
     std::string bytes = serialize(full_frame(), options);
@@ -287,4 +286,3 @@ TEST(SerializeFrame, ConcurrentCallersGetTheirOwnBytes) {
     }
     EXPECT_EQ(mismatches, 0);
 }
-

@@ -32,8 +32,8 @@ ssize_t write_some(int fd, iovec* iov, int count) {
 ssize_t wait_writable(int fd, const deadline_t& deadline) {
     int timeout = -1;
     if (deadline) {
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            *deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline -
+                                                                 std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             errno = EAGAIN;
             return -1;

@@ -72,8 +72,9 @@ ConnectionEventSource::ConnectionEventSource(sdbus::IConnection& connection, sd_
     impl_->io.reset(source);
     check_call(sd_event_source_set_prepare(source, &Impl::on_prepare),
                "sd_event_source_set_prepare");
-    check_call(sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
-               "sd_event_add_time");
+    check_call(
+        sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
+        "sd_event_add_time");
     impl_->timer.reset(source);
 }
 

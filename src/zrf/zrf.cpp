@@ -153,9 +153,9 @@ ObjectClassType object_class_type_from_name(const std::string& name) {
 std::string frame_wall_time(uint64_t time) {
     using namespace std::chrono;
     constexpr int64_t NS_PER_SECOND = 1'000'000'000;
-    int64_t system_now = duration_cast<nanoseconds>(
-                             floor<microseconds>(system_clock::now()).time_since_epoch())
-                             .count();
+    int64_t system_now =
+        duration_cast<nanoseconds>(floor<microseconds>(system_clock::now()).time_since_epoch())
+            .count();
     auto steady_now = static_cast<uint64_t>(steady_clock::now().time_since_epoch().count());
     // The frame's distance from now, taken modulo 2^64 and then saturated, so
     // that every 64-bit time gives a well-defined date.
