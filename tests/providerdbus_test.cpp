@@ -26,7 +26,8 @@ constexpr const char* INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
 class SceneClient : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
 public:
     explicit SceneClient(sdbus::IConnection& connection)
-        : ProxyInterfaces(connection, SERVICE, PATH) {
+        : ProxyInterfaces(connection, sdbus_compat::ServiceName(SERVICE),
+                          sdbus_compat::ObjectPath(PATH)) {
         registerProxy();
     }
     ~SceneClient() { unregisterProxy(); }
@@ -72,8 +73,9 @@ protected:
 
     bool name_has_owner() {
         bool owned = false;
-        auto proxy =
-            sdbus::createProxy(*client_connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+        auto proxy = sdbus::createProxy(*client_connection,
+                                        sdbus_compat::ServiceName("org.freedesktop.DBus"),
+                                        sdbus_compat::ObjectPath("/org/freedesktop/DBus"));
         proxy->callMethod("NameHasOwner")
             .onInterface("org.freedesktop.DBus")
             .withArguments(std::string(SERVICE))
@@ -215,7 +217,9 @@ TEST_F(Provider, ProviderWithoutClassesAsksTheWellKnownProvider) {
     RadarScene::ConnectionEventSource other_source(*connection, other_loop.event());
     other_loop.start();
 
-    auto proxy = sdbus::createProxy(*client_connection, "com.tessel.Other", "/other");
+    auto proxy =
+        sdbus::createProxy(*client_connection, sdbus_compat::ServiceName("com.tessel.Other"),
+                           sdbus_compat::ObjectPath("/other"));
     std::map<int32_t, std::string> classes;
     proxy->callMethod("GetObjectClassifications")
         .onInterface("com.tessel.RadarSceneProvider1.Scene")

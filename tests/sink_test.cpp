@@ -1,5 +1,6 @@
 #include "geolocation/geolocation.h"
 #include "permo2_fake.h"
+#include "providerdbus/sdbuscompat.h"
 #include "support/eventloopthread.h"
 #include "support/testbus.h"
 #include "support/testutil.h"
@@ -7,11 +8,11 @@
 
 #include <radarscene/RadarScene.h>
 #include <radarscene/scene.pb.h>
-#include <sdbus-c++/sdbus-c++.h>
 
 #include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
+
 #include <thread>
 
 namespace {
@@ -52,7 +53,8 @@ protected:
             std::make_unique<RadarScene::ConnectionEventSource>(*producer_connection, loop.event());
         loop.start();
         subscriber_connection = sdbus::createSystemBusConnection();
-        subscriber = sdbus::createProxy(*subscriber_connection, SERVICE, PATH);
+        subscriber = sdbus::createProxy(*subscriber_connection, sdbus_compat::ServiceName(SERVICE),
+                                        sdbus_compat::ObjectPath(PATH));
     }
 
     ~SinkEndToEnd() override {

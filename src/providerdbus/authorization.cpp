@@ -2,9 +2,9 @@
 
 #include "common/log.h"
 
+#include "providerdbus/sdbuscompat.h"
+
 #include <permo2/permo2.h>
-#include <sdbus-c++/Error.h>
-#include <sdbus-c++/Message.h>
 
 #include <pwd.h>
 
@@ -19,8 +19,8 @@ constexpr const char* ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 }  // namespace
 
 void check_authorization_permo(const sdbus::Message& message) {
-    std::string sender = message.getSender();
-    std::string member = message.getMemberName();
+    std::string sender = sdbus_compat::text(message.getSender());
+    std::string member = sdbus_compat::text(message.getMemberName());
 
     errno = 0;
     uid_t euid = message.getCredsEuid();
@@ -31,12 +31,12 @@ void check_authorization_permo(const sdbus::Message& message) {
         char reply[1024];
         snprintf(reply, sizeof(reply), "Unauthorized: failed to look up sender %s with euid %d",
                  sender.c_str(), static_cast<int>(euid));
-        throw sdbus::Error(ACCESS_DENIED, reply);
+        throw sdbus_compat::error(ACCESS_DENIED, reply);
     }
 
     char permission[1024];
-    snprintf(permission, sizeof(permission), "%s.%s", message.getInterfaceName().c_str(),
-             member.c_str());
+    snprintf(permission, sizeof(permission), "%s.%s",
+             sdbus_compat::text(message.getInterfaceName()).c_str(), member.c_str());
     permo2_error error;
     memset(&error, 0, sizeof(error));
     if (permo2_check_username(entry->pw_name, permission, &error)) {
@@ -49,5 +49,5 @@ void check_authorization_permo(const sdbus::Message& message) {
     }
     char reply[1024];
     snprintf(reply, sizeof(reply), "%s", error.message);
-    throw sdbus::Error(ACCESS_DENIED, reply);
+    throw sdbus_compat::error(ACCESS_DENIED, reply);
 }

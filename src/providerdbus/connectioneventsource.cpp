@@ -1,7 +1,7 @@
 #include "common/syscall.h"
+#include "providerdbus/sdbuscompat.h"
 
 #include <radarscene/RadarScene.h>
-#include <sdbus-c++/IConnection.h>
 #include <systemd/sd-event.h>
 
 #include <cstdint>
@@ -11,7 +11,8 @@ namespace RadarScene {
 
 // sd_event has no notion of an sdbus-c++ connection, so the connection's
 // poll data is mirrored into an io source and a time source, refreshed
-// before every loop iteration as sd_bus_attach_event does for plain sd-bus.
+// before every loop iteration as sd_bus_attach_event does for plain sd-bus;
+// where the connection has a wake-up descriptor, a third source watches it.
 // Each dispatch serves one request: while more are queued the poll data's
 // timeout is now, so the time source fires again at the next iteration, after
 // the loop's other pending sources had their turn.
@@ -19,10 +20,11 @@ struct ConnectionEventSource::Impl {
     sdbus::IConnection& connection;
     sd_event_source_ptr io;
     sd_event_source_ptr timer;
+    sd_event_source_ptr wakeup;
 
     explicit Impl(sdbus::IConnection& c) : connection(c) {}
 
-    void process() { connection.processPendingRequest(); }
+    void process() { sdbus_compat::process_one(connection); }
 
     int prepare() {
         sdbus::IConnection::PollData poll = connection.getEventLoopPollData();
@@ -30,7 +32,8 @@ struct ConnectionEventSource::Impl {
         if (r < 0) {
             return r;
         }
-        if (poll.timeout_usec == UINT64_MAX) {
+        uint64_t timeout = sdbus_compat::poll_timeout_usec(poll);
+        if (timeout == UINT64_MAX) {
             return sd_event_source_set_enabled(timer.get(), SD_EVENT_OFF);
         }
         // Re-arming a source that is already due would also make it the
@@ -39,10 +42,10 @@ struct ConnectionEventSource::Impl {
         int enabled = SD_EVENT_OFF;
         sd_event_source_get_time(timer.get(), &armed_at);
         sd_event_source_get_enabled(timer.get(), &enabled);
-        if (enabled == SD_EVENT_ONESHOT && armed_at == poll.timeout_usec) {
+        if (enabled == SD_EVENT_ONESHOT && armed_at == timeout) {
             return 0;
         }
-        r = sd_event_source_set_time(timer.get(), poll.timeout_usec);
+        r = sd_event_source_set_time(timer.get(), timeout);
         if (r < 0) {
             return r;
         }
@@ -76,6 +79,11 @@ ConnectionEventSource::ConnectionEventSource(sdbus::IConnection& connection, sd_
         sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, 0, &Impl::on_time, impl_.get()),
         "sd_event_add_time");
     impl_->timer.reset(source);
+    if (int fd = sdbus_compat::wakeup_fd(poll); fd >= 0) {
+        check_call(sd_event_add_io(event, &source, fd, EPOLLIN, &Impl::on_io, impl_.get()),
+                   "sd_event_add_io");
+        impl_->wakeup.reset(source);
+    }
 }
 
 ConnectionEventSource::~ConnectionEventSource() = default;

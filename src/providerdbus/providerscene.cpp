@@ -3,8 +3,6 @@
 #include "channelhandler/channelhandler.h"
 #include "providerdbus/authorization.h"
 
-#include <fcntl.h>
-
 namespace API::SdBusCpp {
 namespace {
 
@@ -20,7 +18,7 @@ auto guarded(Body&& body) -> decltype(body()) {
     } catch (const sdbus::Error&) {
         throw;
     } catch (const std::exception& e) {
-        throw sdbus::Error("org.freedesktop.DBus.Error.Failed", e.what());
+        throw sdbus_compat::error("org.freedesktop.DBus.Error.Failed", e.what());
     }
 }
 
@@ -42,7 +40,8 @@ subscription_options_t options_from_features(const std::map<std::string, bool>& 
 }  // namespace
 
 ClassificationClient::ClassificationClient(std::string destination, std::string objectPath)
-    : ProxyInterfaces(std::move(destination), std::move(objectPath)) {
+    : ProxyInterfaces(sdbus_compat::ServiceName(std::move(destination)),
+                      sdbus_compat::ObjectPath(std::move(objectPath))) {
     registerProxy();
 }
 
@@ -54,7 +53,7 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
                              std::string objectPath, channel_handler_t* handler,
                              bool requestNameNow)
     : DBus(handler),
-      AdaptorInterfaces(connection, std::move(objectPath)),
+      AdaptorInterfaces(connection, sdbus_compat::ObjectPath(std::move(objectPath))),
       connection_(connection),
       serviceName_(std::move(serviceName)),
       classificationClient_(
@@ -69,7 +68,7 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
 ProviderScene::~ProviderScene() {
     try {
         if (nameRequested_) {
-            connection_.releaseName(serviceName_);
+            connection_.releaseName(sdbus_compat::ServiceName(serviceName_));
         }
     } catch (const sdbus::Error&) {
         // The name may never have been granted; nothing is left to release.
@@ -83,15 +82,15 @@ void ProviderScene::requestName() {
         return;
     }
     nameRequested_ = true;
-    connection_.requestName(serviceName_);
+    connection_.requestName(sdbus_compat::ServiceName(serviceName_));
 }
 
 void ProviderScene::checkCaller() {
-    check_authorization_permo(*getObject().getCurrentlyProcessedMessage());
+    check_authorization_permo(sdbus_compat::current_message(getObject()));
 }
 
 std::string ProviderScene::currentSender() {
-    return getObject().getCurrentlyProcessedMessage()->getSender();
+    return sdbus_compat::text(sdbus_compat::current_message(getObject()).getSender());
 }
 
 std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
@@ -100,23 +99,25 @@ std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
     return guarded([&] {
         checkCaller();
         if (dataformat != SCENE_FORMAT_PROTO_1) {
-            throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs", "Invalid data format");
+            throw sdbus_compat::error("org.freedesktop.DBus.Error.InvalidArgs",
+                                      "Invalid data format");
         }
         subscription_options_t options = options_from_features(feature_parameters);
-        pid_t pid = getObject().getCurrentlyProcessedMessage()->getCredsPid();
+        pid_t pid = sdbus_compat::current_message(getObject()).getCredsPid();
         unique_fd subscriber_fd(-1);
         int session_id = -1;
         int status = channel_handler_add_session(*handler_, channel, static_cast<unsigned>(pid),
                                                  options, subscriber_fd, session_id);
-        int copy = -1;
+        std::optional<sdbus::UnixFd> handle;
         if (status >= 0 && subscriber_fd && session_id >= 0) {
-            copy = fcntl(subscriber_fd.get(), F_DUPFD_CLOEXEC, 3);
+            handle = sdbus_compat::duplicate_fd(subscriber_fd.get());
         }
-        if (copy < 0) {
-            throw sdbus::Error("org.freedesktop.DBus.Error.Failed", "Error subscribing channel");
+        if (!handle) {
+            throw sdbus_compat::error("org.freedesktop.DBus.Error.Failed",
+                                      "Error subscribing channel");
         }
         // Our own copy closes here; the reply's copy closes once it is sent.
-        return std::tuple<sdbus::UnixFd, int32_t>(sdbus::UnixFd(copy, sdbus::adopt_fd), session_id);
+        return std::tuple<sdbus::UnixFd, int32_t>(std::move(*handle), session_id);
     });
 }
 
@@ -127,8 +128,8 @@ void ProviderScene::UnsubscribeSocket(const int32_t& session) {
             return;
         }
         if (channel_handler_remove_session(*handler_, session) < 0) {
-            throw sdbus::Error("com.tessel.RadarSceneProvider1.Error.SessionNotFound",
-                               "Session does not exist");
+            throw sdbus_compat::error("com.tessel.RadarSceneProvider1.Error.SessionNotFound",
+                                      "Session does not exist");
         }
     });
 }

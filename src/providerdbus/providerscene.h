@@ -3,8 +3,7 @@
 #include "providerdbus/dbus.h"
 #include "providerdbus/scene_adaptor.h"
 #include "providerdbus/scene_proxy.h"
-
-#include <sdbus-c++/sdbus-c++.h>
+#include "providerdbus/sdbuscompat.h"
 
 #include <memory>
 #include <string>

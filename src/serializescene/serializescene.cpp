@@ -25,6 +25,16 @@ struct scene_codec {
     google::protobuf::Arena arena;
 };
 
+// Arena::Create puts nested messages on the arena only from protobuf 26 on;
+// CreateMessage, which does so before, is deprecated from 27.
+Scene* create_scene(google::protobuf::Arena& arena) {
+#if GOOGLE_PROTOBUF_VERSION >= 5026000
+    return google::protobuf::Arena::Create<Scene>(&arena);
+#else
+    return google::protobuf::Arena::CreateMessage<Scene>(&arena);
+#endif
+}
+
 // Never destroyed: worker threads may still convert while statics go away.
 scene_codec& codec() {
     static scene_codec* instance = new scene_codec;
@@ -256,7 +266,7 @@ void RadarScene::serializeFrame(std::string& out, const Frame& frame,
                                 const SerializeFrameOptions& options) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
-    Scene* scene = google::protobuf::Arena::CreateMessage<Scene>(&c.arena);
+    Scene* scene = create_scene(c.arena);
     convert_frame_to_scene(*scene, frame, options);
     out.clear();
     scene->SerializeToString(&out);
@@ -267,7 +277,7 @@ Frame RadarScene::deserializeFrame(std::string_view bytes) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
     Frame frame{};
-    Scene* scene = google::protobuf::Arena::CreateMessage<Scene>(&c.arena);
+    Scene* scene = create_scene(c.arena);
     scene->ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
     convert_scene_to_frame(frame, *scene);
     c.arena.Reset();
