@@ -9,6 +9,7 @@ packages=(
     libprotobuf-dev protobuf-compiler nlohmann-json3-dev
     dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
+    python3-dbus python3-protobuf
 )
 
 missing=()

@@ -1,30 +1,44 @@
-// A radar producer for demonstrations: pushes synthetic frames at 10 Hz
-// through a Sink until it is stopped with SIGINT or SIGTERM.
+// radarscene-demo-producer: an example radar producer that pushes synthetic
+// frames through a Sink until it is stopped with SIGINT or SIGTERM.
+
+#include "toolutil.h"
 
 #include <radarscene/RadarScene.h>
-#include <sdbus-c++/sdbus-c++.h>
+#include <sdbus-c++/IConnection.h>
 #include <systemd/sd-event.h>
+
+#include <getopt.h>
 
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <memory>
 
 namespace {
 
-constexpr uint64_t FRAME_PERIOD_USEC = 100'000;
+constexpr const char* USAGE = R"(Usage: radarscene-demo-producer [OPTION]...
+Serves the radar scene provider on the system bus and pushes synthetic
+frames of objects circling the radar on channel 0.
+
+  --rate HZ        frames per second (default 10)
+  --objects N      objects per frame (default 3)
+  --help           show this text
+)";
 
 struct producer {
     RadarScene::Sink* sink;
+    uint64_t period_usec;
+    int objects;
     uint64_t frame_number = 0;
 };
 
-// Three objects circling the radar at different ranges and speeds.
-RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number) {
+// Objects circling the radar at different ranges and speeds.
+RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number, int objects) {
     RadarScene::Frame frame;
     frame.time = now_usec * 1000;
     frame.status = RadarScene::RadarStatus{true, false, {}};
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < objects; ++i) {
         double angle = 0.02 * static_cast<double>(number) * (i + 1);
         double range = 10.0 + 15.0 * i;
         RadarScene::FrameObject o;
@@ -34,7 +48,7 @@ RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number) {
                           range * 0.02 * (i + 1) * std::cos(angle), 0});
         o.set_bounding_box({range * std::cos(angle) - 0.5, range * std::sin(angle) - 1, 1, 2});
         o.set_confidence(0.9 - 0.1 * i);
-        o.set_classifications({{i == 2 ? 2 : 1, 0.8}});
+        o.set_classifications({{i % 3 == 2 ? 2 : 1, 0.8}});
         frame.objects.push_back(o);
     }
     return frame;
@@ -42,28 +56,53 @@ RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number) {
 
 int on_frame_timer(sd_event_source* source, uint64_t usec, void* userdata) {
     auto* p = static_cast<producer*>(userdata);
-    p->sink->push(0, synthetic_frame(usec, p->frame_number++));
-    sd_event_source_set_time(source, usec + FRAME_PERIOD_USEC);
+    p->sink->push(0, synthetic_frame(usec, p->frame_number++, p->objects));
+    sd_event_source_set_time(source, usec + p->period_usec);
     return 0;
 }
 
-}  // namespace
+producer parse_options(int argc, char** argv) {
+    enum { RATE = 1, OBJECTS, HELP };
+    static const option long_options[] = {{"rate", required_argument, nullptr, RATE},
+                                          {"objects", required_argument, nullptr, OBJECTS},
+                                          {"help", no_argument, nullptr, HELP},
+                                          {nullptr, 0, nullptr, 0}};
+    producer p{nullptr, 100'000, 3};
+    int c;
+    opterr = 0;
+    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
+        switch (c) {
+            case RATE:
+                p.period_usec =
+                    static_cast<uint64_t>(1e6 / tool_number(optarg, "--rate", 0.01, 10'000));
+                break;
+            case OBJECTS:
+                p.objects = static_cast<int>(tool_number(optarg, "--objects", 0, 10'000));
+                break;
+            case HELP:
+                fputs(USAGE, stdout);
+                exit(0);
+            default:
+                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+        }
+    }
+    if (optind < argc) {
+        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
+    }
+    return p;
+}
 
-int main() {
+int run(producer& p) {
     sd_event* event = nullptr;
-    sd_event_default(&event);
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+    tool_check(sd_event_new(&event), "sd_event_new");
+    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
+    tool_stop_signals();
     sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
     sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
 
     auto connection = sdbus::createSystemBusConnection();
     RadarScene::Sink sink(*connection, event,
-                          {"radarscene-demo", "com.tessel.RadarSceneProvider1",
-                           "/com/tessel/RadarSceneProvider1", false});
+                          {"radarscene-demo", PROVIDER_SERVICE, PROVIDER_PATH, false});
     sink.addSupportedChannel(0);
     sink.addObjectClassification(1, "Human");
     sink.addObjectClassification(2, "Vehicle");
@@ -74,18 +113,32 @@ int main() {
     sink.requestName();
     RadarScene::ConnectionEventSource dbus_source(*connection, event);
 
-    producer p{&sink};
+    p.sink = &sink;
     uint64_t now = 0;
     sd_event_now(event, CLOCK_MONOTONIC, &now);
-    // Enabled for good, the time source fires again at every new time it is given.
+    // Enabled for good, the time source fires again at every new time it is
+    // given; an accuracy of 1 us keeps sd-event from batching the frames.
     sd_event_source* frames = nullptr;
-    sd_event_add_time(event, &frames, CLOCK_MONOTONIC, now, 0, on_frame_timer, &p);
+    tool_check(sd_event_add_time(event, &frames, CLOCK_MONOTONIC, now, 1, on_frame_timer, &p),
+               "sd_event_add_time");
     sd_event_source_set_enabled(frames, SD_EVENT_ON);
 
-    fprintf(stderr, "demo producer: serving channel 0 as com.tessel.RadarSceneProvider1\n");
+    fprintf(stderr, "radarscene-demo-producer: serving channel 0 as %s\n", PROVIDER_SERVICE);
     int r = sd_event_loop(event);
-    sd_event_source_unref(frames);
-    fprintf(stderr, "demo producer: stopped after %llu frames\n",
+    sd_event_source_disable_unref(frames);
+    fprintf(stderr, "radarscene-demo-producer: stopped after %llu frames\n",
             static_cast<unsigned long long>(p.frame_number));
     return r < 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-demo-producer");
+    producer p = parse_options(argc, argv);
+    try {
+        return run(p);
+    } catch (const std::exception& e) {
+        tool_fail("%s", e.what());
+    }
 }

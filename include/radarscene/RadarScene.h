@@ -218,6 +218,15 @@ private:
     unsigned long raw_mask = 0;
 };
 
+// Reads one record of a subscriber's scene stream from `fd` into `payload`:
+// 1 with the scene bytes, 0 at a clean end of the stream, -EBADMSG for a
+// length word below 4, -EMSGSIZE for a payload over `max_payload` (the
+// stream cannot be resynchronised after it), -EPROTO when the stream ends
+// inside a record, or another negative errno of read. Interrupted reads are
+// resumed; no more than `max_payload` bytes are ever allocated.
+RADARSCENE_EXPORT int readSceneRecord(int fd, std::string& payload,
+                                      size_t max_payload = 64u << 20);
+
 // Ask the running provider over the system bus. D-Bus trouble is logged and
 // yields an empty result.
 RADARSCENE_EXPORT std::vector<int32_t> getSupportedRadarChannels();

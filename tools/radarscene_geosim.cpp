@@ -1,0 +1,145 @@
+// radarscene-geosim: a stand-in for the device's geolocation service, for
+// trying geographic positions off the device.
+
+#include "toolutil.h"
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <getopt.h>
+#include <signal.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+namespace {
+
+constexpr const char* USAGE = R"(Usage: radarscene-geosim [OPTION]...
+Serves the geolocation service "com.tessel.GeoLocation1" on the system bus
+with a fixed or drifting device position.
+
+  --lat DEG        latitude (default 59.3293)
+  --lon DEG        longitude (default 18.0686)
+  --heading DEG    compass heading of the radar (default 0)
+  --invalid        report the position as not valid
+  --drift M        move the device M metres north every second
+  --help           show this text
+)";
+
+constexpr const char* SERVICE = "com.tessel.GeoLocation1";
+constexpr const char* PATH = "/com/tessel/GeoLocation1";
+constexpr double METRES_PER_DEGREE_OF_LATITUDE = 111'320;
+
+struct device_t {
+    double latitude = 59.3293;
+    double longitude = 18.0686;
+    double heading = 0;
+    bool valid = true;
+    double drift = 0;
+    sd_bus* bus = nullptr;
+};
+
+int get_property(sd_bus*, const char*, const char*, const char* property, sd_bus_message* reply,
+                 void* userdata, sd_bus_error*) {
+    auto* device = static_cast<device_t*>(userdata);
+    std::string_view name = property;
+    if (name == "valid_pos") {
+        return sd_bus_message_append(reply, "b", static_cast<int>(device->valid));
+    }
+    double value = name == "latitude"    ? device->latitude
+                   : name == "longitude" ? device->longitude
+                                         : device->heading;
+    return sd_bus_message_append(reply, "d", value);
+}
+
+const sd_bus_vtable VTABLE[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_PROPERTY("latitude", "d", get_property, 0, SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_PROPERTY("longitude", "d", get_property, 0, SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_PROPERTY("heading", "d", get_property, 0, SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_PROPERTY("valid_pos", "b", get_property, 0, SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
+    SD_BUS_VTABLE_END};
+
+int on_drift(sd_event_source* source, uint64_t usec, void* userdata) {
+    auto* device = static_cast<device_t*>(userdata);
+    device->latitude += device->drift / METRES_PER_DEGREE_OF_LATITUDE;
+    sd_bus_emit_properties_changed(device->bus, PATH, SERVICE, "latitude", nullptr);
+    sd_event_source_set_time(source, usec + 1'000'000);
+    return 0;
+}
+
+device_t parse_options(int argc, char** argv) {
+    enum { LAT = 1, LON, HEADING, INVALID, DRIFT, HELP };
+    static const option long_options[] = {{"lat", required_argument, nullptr, LAT},
+                                          {"lon", required_argument, nullptr, LON},
+                                          {"heading", required_argument, nullptr, HEADING},
+                                          {"invalid", no_argument, nullptr, INVALID},
+                                          {"drift", required_argument, nullptr, DRIFT},
+                                          {"help", no_argument, nullptr, HELP},
+                                          {nullptr, 0, nullptr, 0}};
+    device_t device;
+    int c;
+    opterr = 0;
+    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
+        switch (c) {
+            case LAT:
+                device.latitude = tool_number(optarg, "--lat", -90, 90);
+                break;
+            case LON:
+                device.longitude = tool_number(optarg, "--lon", -180, 180);
+                break;
+            case HEADING:
+                device.heading = tool_number(optarg, "--heading", -360, 360);
+                break;
+            case INVALID:
+                device.valid = false;
+                break;
+            case DRIFT:
+                device.drift = tool_number(optarg, "--drift", -10'000, 10'000);
+                break;
+            case HELP:
+                fputs(USAGE, stdout);
+                exit(0);
+            default:
+                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+        }
+    }
+    if (optind < argc) {
+        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
+    }
+    return device;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-geosim");
+    device_t device = parse_options(argc, argv);
+    sd_event* event = nullptr;
+    tool_check(sd_event_new(&event), "sd_event_new");
+    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
+    tool_stop_signals();
+    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+
+    device.bus = tool_system_bus();
+    std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)> bus_owner(device.bus, sd_bus_flush_close_unref);
+    tool_check(sd_bus_add_object_vtable(device.bus, nullptr, PATH, SERVICE, VTABLE, &device),
+               "cannot publish the service object");
+    tool_check(sd_bus_request_name(device.bus, SERVICE, 0), "cannot own com.tessel.GeoLocation1");
+    tool_check(sd_bus_attach_event(device.bus, event, 0), "sd_bus_attach_event");
+    if (device.drift != 0) {
+        uint64_t now = 0;
+        sd_event_now(event, CLOCK_MONOTONIC, &now);
+        sd_event_source* timer = nullptr;
+        tool_check(sd_event_add_time(event, &timer, CLOCK_MONOTONIC, now + 1'000'000, 0, on_drift,
+                                     &device),
+                   "sd_event_add_time");
+        sd_event_source_set_enabled(timer, SD_EVENT_ON);
+        sd_event_source_set_floating(timer, 1);
+    }
+    int r = sd_event_loop(event);
+    sd_bus_detach_event(device.bus);
+    return r < 0 ? 1 : 0;
+}

@@ -1,0 +1,229 @@
+// radarscene-replay: a producer that pushes the scenes of a recording made
+// with `radarscene-sub --record` at the recorded rate.
+
+#include "toolutil.h"
+
+#include <radarscene/RadarScene.h>
+#include <radarscene/scene.pb.h>
+#include <sdbus-c++/IConnection.h>
+#include <systemd/sd-event.h>
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* USAGE = R"(Usage: radarscene-replay [OPTION]... FILE
+Serves a radar scene provider on the system bus and pushes the scenes of
+FILE, a recording made with radarscene-sub --record, at the recorded rate.
+
+  --rate HZ        push at HZ scenes per second instead
+  --loop           start again at the end of the recording
+  --delay S        wait S seconds before the first scene (default 0)
+  --class ID=NAME  declare an object class (repeatable; default 1=Human, 2=Vehicle)
+  --help           show this text
+)";
+
+constexpr uint64_t LONGEST_PAUSE_NS = 5'000'000'000;
+
+struct options_t {
+    double rate = 0;
+    bool loop = false;
+    double delay = 0;
+    std::map<int, std::string> classes;
+    std::string file;
+};
+
+options_t parse_options(int argc, char** argv) {
+    enum { RATE = 1, LOOP, DELAY, CLASS, HELP };
+    static const option long_options[] = {
+        {"rate", required_argument, nullptr, RATE},   {"loop", no_argument, nullptr, LOOP},
+        {"delay", required_argument, nullptr, DELAY}, {"class", required_argument, nullptr, CLASS},
+        {"help", no_argument, nullptr, HELP},         {nullptr, 0, nullptr, 0}};
+    options_t options;
+    int c;
+    opterr = 0;
+    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
+        switch (c) {
+            case RATE:
+                options.rate = tool_number(optarg, "--rate", 0.001, 100'000);
+                break;
+            case LOOP:
+                options.loop = true;
+                break;
+            case DELAY:
+                options.delay = tool_number(optarg, "--delay", 0, 3600);
+                break;
+            case CLASS: {
+                const char* equals = strchr(optarg, '=');
+                if (!equals || equals == optarg || !equals[1]) {
+                    tool_fail("--class needs ID=NAME, not '%s'", optarg);
+                }
+                std::string id(optarg, static_cast<size_t>(equals - optarg));
+                options.classes[static_cast<int>(tool_number(id.c_str(), "--class", 0, INT_MAX))] =
+                    equals + 1;
+                break;
+            }
+            case HELP:
+                fputs(USAGE, stdout);
+                exit(0);
+            default:
+                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+        }
+    }
+    if (optind + 1 != argc) {
+        tool_fail("needs exactly one recording (see --help)");
+    }
+    options.file = argv[optind];
+    if (options.classes.empty()) {
+        options.classes = {{1, "Human"}, {2, "Vehicle"}};
+    }
+    return options;
+}
+
+// True when decoding the scene would trip one of the library's invariants:
+// a 2-D velocity, a position without z, an empty label list, or an id that
+// does not fit the frame's signed id.
+bool decodable(const RadarScene::Scene& scene) {
+    for (const RadarScene::Object& o : scene.objects()) {
+        if (!o.has_id()) {
+            continue;
+        }
+        if ((o.has_velocity() && (o.has_velocity3d() || !o.velocity().has_vz())) ||
+            (o.has_position() && !o.position().has_z()) ||
+            (o.has_labels() && o.labels().labels_size() == 0) || o.id() > INT32_MAX) {
+            return false;
+        }
+    }
+    return true;
+}
+
+struct recording {
+    std::vector<std::string> records;
+    std::vector<uint64_t> times;
+    size_t skipped = 0;
+};
+
+recording load(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        tool_fail("cannot open %s: %s", path.c_str(), strerror(errno));
+    }
+    recording out;
+    std::string payload;
+    RadarScene::Scene scene;
+    int r;
+    while ((r = RadarScene::readSceneRecord(fd, payload)) > 0) {
+        if (!scene.ParseFromString(payload) || !decodable(scene)) {
+            ++out.skipped;
+            continue;
+        }
+        out.records.push_back(payload);
+        out.times.push_back(scene.time());
+    }
+    close(fd);
+    if (r < 0) {
+        fprintf(stderr, "radarscene-replay: %s: recording ends in a broken record (%s)\n",
+                path.c_str(), strerror(-r));
+    }
+    if (out.records.empty()) {
+        tool_fail("%s holds no scene that can be replayed", path.c_str());
+    }
+    return out;
+}
+
+struct replay {
+    RadarScene::Sink* sink;
+    const recording* scenes;
+    const options_t* options;
+    size_t next = 0;
+    size_t pushed = 0;
+
+    // Nanoseconds to wait after pushing scene `i` before the next one.
+    uint64_t pause_after(size_t i) const {
+        if (options->rate > 0) {
+            return static_cast<uint64_t>(1e9 / options->rate);
+        }
+        if (i + 1 >= scenes->times.size() || scenes->times[i + 1] <= scenes->times[i]) {
+            return 0;
+        }
+        return std::min(scenes->times[i + 1] - scenes->times[i], LONGEST_PAUSE_NS);
+    }
+
+    static int on_timer(sd_event_source* source, uint64_t usec, void* self) {
+        auto* r = static_cast<replay*>(self);
+        size_t i = r->next;
+        r->sink->push(0, std::string_view(r->scenes->records[i]));
+        ++r->pushed;
+        r->next = (i + 1) % r->scenes->records.size();
+        if (r->next == 0 && !r->options->loop) {
+            return sd_event_exit(sd_event_source_get_event(source), 0);
+        }
+        sd_event_source_set_time(source, usec + r->pause_after(i) / 1000);
+        return 0;
+    }
+};
+
+int run(const options_t& options) {
+    recording scenes = load(options.file);
+    sd_event* event = nullptr;
+    tool_check(sd_event_new(&event), "sd_event_new");
+    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stop, nullptr);
+    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+
+    auto connection = sdbus::createSystemBusConnection();
+    RadarScene::Sink sink(*connection, event,
+                          {"radarscene-replay", PROVIDER_SERVICE, PROVIDER_PATH, false});
+    sink.addSupportedChannel(0);
+    for (const auto& [id, name] : options.classes) {
+        sink.addObjectClassification(id, name.c_str());
+    }
+    sink.requestName();
+    RadarScene::ConnectionEventSource source(*connection, event);
+
+    replay state{&sink, &scenes, &options};
+    uint64_t now = 0;
+    sd_event_now(event, CLOCK_MONOTONIC, &now);
+    sd_event_source* timer = nullptr;
+    tool_check(sd_event_add_time(event, &timer, CLOCK_MONOTONIC,
+                                 now + static_cast<uint64_t>(options.delay * 1e6), 1,
+                                 &replay::on_timer, &state),
+               "sd_event_add_time");
+    sd_event_source_set_enabled(timer, SD_EVENT_ON);
+    int r = sd_event_loop(event);
+    sd_event_source_disable_unref(timer);
+    fprintf(stderr, "radarscene-replay: pushed %zu scenes, skipped %zu undecodable records\n",
+            state.pushed, scenes.skipped);
+    return r < 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-replay");
+    options_t options = parse_options(argc, argv);
+    try {
+        return run(options);
+    } catch (const std::exception& e) {
+        tool_fail("%s", e.what());
+    }
+}

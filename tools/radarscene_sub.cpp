@@ -1,0 +1,404 @@
+// radarscene-sub: subscribes to a radar channel of the running provider and
+// prints its scenes, a summary of them, or statistics of the stream.
+
+#include "toolutil.h"
+
+#include <radarscene/RadarScene.h>
+#include <radarscene/scene.pb.h>
+
+#include <google/protobuf/util/json_util.h>
+#include <systemd/sd-bus.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* USAGE = R"(Usage: radarscene-sub [OPTION]...
+Subscribes to a channel of the radar scene provider on the system bus and
+prints every scene as one JSON line.
+
+  --channel N      radar channel (default 0)
+  --bbox           ask for bounding boxes
+  --polygon        ask for polygons
+  --velocity       ask for velocities
+  --geo            ask for geographic positions
+  --raw            ask for unfiltered scenes (no class filter)
+  --summary        print a readable summary per scene instead of JSON
+  --stats          print stream statistics once a second instead of scenes
+  --count N        stop after N scenes
+  --duration S     stop after S seconds
+  --record FILE    also write the records, exactly as received, to FILE
+  --wait S         wait up to S seconds for the provider to appear
+  --help           show this text
+)";
+
+constexpr uint64_t CLASS_QUERY_TIMEOUT_USEC = 500'000;
+
+struct options_t {
+    int channel = 0;
+    std::map<std::string, bool> features;
+    bool summary = false;
+    bool stats = false;
+    long count = -1;
+    double duration = -1;
+    double wait = 0;
+    std::string record;
+};
+
+std::optional<options_t> parse_options(int argc, char** argv) {
+    enum {
+        CHANNEL = 1,
+        BBOX,
+        POLYGON,
+        VELOCITY,
+        GEO,
+        RAW,
+        SUMMARY,
+        STATS,
+        COUNT,
+        DURATION,
+        RECORD,
+        WAIT,
+        HELP
+    };
+    static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
+                                          {"bbox", no_argument, nullptr, BBOX},
+                                          {"polygon", no_argument, nullptr, POLYGON},
+                                          {"velocity", no_argument, nullptr, VELOCITY},
+                                          {"geo", no_argument, nullptr, GEO},
+                                          {"raw", no_argument, nullptr, RAW},
+                                          {"summary", no_argument, nullptr, SUMMARY},
+                                          {"stats", no_argument, nullptr, STATS},
+                                          {"count", required_argument, nullptr, COUNT},
+                                          {"duration", required_argument, nullptr, DURATION},
+                                          {"record", required_argument, nullptr, RECORD},
+                                          {"wait", required_argument, nullptr, WAIT},
+                                          {"help", no_argument, nullptr, HELP},
+                                          {nullptr, 0, nullptr, 0}};
+    options_t options;
+    int c;
+    opterr = 0;
+    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
+        switch (c) {
+            case CHANNEL:
+                options.channel = static_cast<int>(tool_number(optarg, "--channel", 0, 15));
+                break;
+            case BBOX:
+                options.features["BOUNDINGBOX_ENABLED"] = true;
+                break;
+            case POLYGON:
+                options.features["POLYGON_ENABLED"] = true;
+                break;
+            case VELOCITY:
+                options.features["VELOCITY_ENABLED"] = true;
+                break;
+            case GEO:
+                options.features["GEOLOCATION_ENABLED"] = true;
+                break;
+            case RAW:
+                options.features["RAW_ENABLED"] = true;
+                break;
+            case SUMMARY:
+                options.summary = true;
+                break;
+            case STATS:
+                options.stats = true;
+                break;
+            case COUNT:
+                options.count = static_cast<long>(tool_number(optarg, "--count", 1, 1e12));
+                break;
+            case DURATION:
+                options.duration = tool_number(optarg, "--duration", 0, 1e9);
+                break;
+            case RECORD:
+                options.record = optarg;
+                break;
+            case WAIT:
+                options.wait = tool_number(optarg, "--wait", 0, 3600);
+                break;
+            case HELP:
+                fputs(USAGE, stdout);
+                return std::nullopt;
+            default:
+                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+        }
+    }
+    if (optind < argc) {
+        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
+    }
+    return options;
+}
+
+// Subscribes through "SubscribeSocket"; returns the stream and the session id.
+std::pair<int, int32_t> subscribe(sd_bus* bus, const options_t& options) {
+    double waited = 0;
+    for (;;) {
+        sd_bus_message* call = nullptr;
+        tool_check(sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
+                                                  PROVIDER_INTERFACE, "SubscribeSocket"),
+                   "cannot build the subscription call");
+        sd_bus_message_append(call, "ii", 3, options.channel);
+        sd_bus_message_open_container(call, 'a', "{sb}");
+        for (const auto& [key, value] : options.features) {
+            sd_bus_message_append(call, "{sb}", key.c_str(), static_cast<int>(value));
+        }
+        sd_bus_message_close_container(call);
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        sd_bus_message* reply = nullptr;
+        int r = sd_bus_call(bus, call, 0, &error, &reply);
+        sd_bus_message_unref(call);
+        if (r >= 0) {
+            int fd = -1;
+            int32_t session = -1;
+            r = sd_bus_message_read(reply, "hi", &fd, &session);
+            fd = r < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 3);
+            sd_bus_message_unref(reply);
+            if (fd < 0) {
+                tool_fail("unreadable reply to SubscribeSocket");
+            }
+            return {fd, session};
+        }
+        bool absent = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN);
+        if (!absent || waited >= options.wait) {
+            std::string message =
+                absent ? "no radar scene provider on the system bus" : tool_bus_error(error, r);
+            sd_bus_error_free(&error);
+            tool_fail("%s", message.c_str());
+        }
+        sd_bus_error_free(&error);
+        usleep(100'000);
+        waited += 0.1;
+    }
+}
+
+void unsubscribe(sd_bus* bus, int32_t session) {
+    sd_bus_call_method(bus, PROVIDER_SERVICE, PROVIDER_PATH, PROVIDER_INTERFACE,
+                       "UnsubscribeSocket", nullptr, nullptr, "i", session);
+}
+
+// The provider's class names; a provider without classes may not answer in
+// time, and then the summary shows class numbers.
+std::map<int32_t, std::string> class_names(sd_bus* bus, int channel) {
+    std::map<int32_t, std::string> names;
+    sd_bus_message* call = nullptr;
+    sd_bus_message* reply = nullptr;
+    if (sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
+                                       PROVIDER_INTERFACE, "GetObjectClassifications") < 0 ||
+        sd_bus_message_append(call, "i", channel) < 0 ||
+        sd_bus_call(bus, call, CLASS_QUERY_TIMEOUT_USEC, nullptr, &reply) < 0 ||
+        sd_bus_message_enter_container(reply, 'a', "{is}") < 0) {
+        sd_bus_message_unref(call);
+        sd_bus_message_unref(reply);
+        return names;
+    }
+    int32_t id = 0;
+    const char* name = nullptr;
+    while (sd_bus_message_read(reply, "{is}", &id, &name) > 0) {
+        names[id] = name;
+    }
+    sd_bus_message_unref(call);
+    sd_bus_message_unref(reply);
+    return names;
+}
+
+void print_json(const RadarScene::Scene& scene) {
+    std::string line;
+    if (!google::protobuf::util::MessageToJsonString(scene, &line).ok()) {
+        tool_fail("cannot render a scene as JSON");
+    }
+    printf("%s\n", line.c_str());
+}
+
+void print_summary(const RadarScene::Scene& scene, const std::map<int32_t, std::string>& names) {
+    printf("t=%.3f s  %d objects\n", static_cast<double>(scene.time()) / 1e9, scene.objects_size());
+    for (const RadarScene::Object& o : scene.objects()) {
+        std::string classes;
+        for (const RadarScene::Label& label : o.labels().labels()) {
+            auto it = names.find(static_cast<int32_t>(label.id()));
+            classes += (classes.empty() ? "" : ",") +
+                       (it != names.end() ? it->second : std::to_string(label.id()));
+            if (label.has_confidence()) {
+                classes += "(" +
+                           std::to_string(static_cast<int>(std::lround(label.confidence() * 100))) +
+                           "%)";
+            }
+        }
+        printf("  #%-4u %-20s", o.id(), classes.empty() ? "-" : classes.c_str());
+        if (o.has_position()) {
+            printf("  %6.1f m at %6.1f deg", o.position().x(), o.position().y());
+        }
+        const RadarScene::Velocity* v = o.has_velocity3d() ? &o.velocity3d()
+                                        : o.has_velocity() ? &o.velocity()
+                                                           : nullptr;
+        if (v) {
+            printf("  %5.2f m/s", std::hypot(v->vx(), v->vy(), v->vz()));
+        }
+        if (o.has_geoposition()) {
+            const RadarScene::GeoPosition& g = o.geoposition();
+            printf("  %.6f, %.6f", g.has_dlat() ? g.dlat() : g.lat(),
+                   g.has_dlon() ? g.dlon() : g.lon());
+        }
+        printf("\n");
+    }
+}
+
+// Figures of the last second: rates, objects per scene, the delay from the
+// producer's push (the scene's monotonic time) to reception, and scenes that
+// the time stamps show to be missing.
+struct stream_stats {
+    uint64_t scenes = 0;
+    uint64_t bytes = 0;
+    uint64_t objects = 0;
+    uint64_t missing = 0;
+    uint64_t last_time = 0;
+    double period = 0;  // smoothed interval between scenes, in ns
+    std::vector<double> delays_ms;
+
+    void add(const RadarScene::Scene& scene, size_t size, uint64_t received_ns) {
+        ++scenes;
+        bytes += size + 4;
+        objects += static_cast<uint64_t>(scene.objects_size());
+        delays_ms.push_back(static_cast<double>(static_cast<int64_t>(received_ns - scene.time())) /
+                            1e6);
+        if (last_time != 0 && scene.time() > last_time) {
+            double gap = static_cast<double>(scene.time() - last_time);
+            if (period > 0 && gap > 1.5 * period) {
+                missing += static_cast<uint64_t>(std::lround(gap / period)) - 1;
+            } else {
+                period = period > 0 ? 0.9 * period + 0.1 * gap : gap;
+            }
+        }
+        last_time = scene.time();
+    }
+
+    void print(double seconds) {
+        std::sort(delays_ms.begin(), delays_ms.end());
+        auto quantile = [&](double q) {
+            return delays_ms.empty() ? 0.0
+                                     : delays_ms[static_cast<size_t>(q * (delays_ms.size() - 1))];
+        };
+        printf(
+            "%.1f scenes/s  %.0f bytes/s  %.1f objects/scene  delay ms p50 %.2f p99 %.2f max %.2f  "
+            "missing %llu\n",
+            static_cast<double>(scenes) / seconds, static_cast<double>(bytes) / seconds,
+            scenes ? static_cast<double>(objects) / static_cast<double>(scenes) : 0.0,
+            quantile(0.5), quantile(0.99), delays_ms.empty() ? 0.0 : delays_ms.back(),
+            static_cast<unsigned long long>(missing));
+        fflush(stdout);
+        *this = stream_stats{0, 0, 0, 0, last_time, period, {}};
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-sub");
+    std::optional<options_t> parsed = parse_options(argc, argv);
+    if (!parsed) {
+        return 0;
+    }
+    const options_t& options = *parsed;
+
+    std::ofstream record;
+    if (!options.record.empty()) {
+        record.open(options.record, std::ios::binary | std::ios::trunc);
+        if (!record) {
+            tool_fail("cannot write %s: %s", options.record.c_str(), strerror(errno));
+        }
+    }
+    int stop_fd = tool_stop_signals();
+    sd_bus* bus = tool_system_bus();
+    auto [stream, session] = subscribe(bus, options);
+    std::map<int32_t, std::string> names;
+    if (options.summary) {
+        names = class_names(bus, options.channel);
+    }
+
+    uint64_t started = tool_monotonic_ns();
+    uint64_t next_stats = started + 1'000'000'000;
+    stream_stats stats;
+    long received = 0;
+    int status = 0;
+    std::string payload;
+    RadarScene::Scene scene;
+    while (options.count < 0 || received < options.count) {
+        uint64_t now = tool_monotonic_ns();
+        double elapsed = static_cast<double>(now - started) / 1e9;
+        if (options.duration >= 0 && elapsed >= options.duration) {
+            break;
+        }
+        int timeout_ms = 1000;
+        if (options.stats) {
+            timeout_ms = static_cast<int>(
+                std::max<int64_t>(0, static_cast<int64_t>(next_stats - now) / 1'000'000));
+        }
+        if (options.duration >= 0) {
+            timeout_ms =
+                std::min(timeout_ms, static_cast<int>((options.duration - elapsed) * 1000) + 1);
+        }
+        pollfd fds[2] = {{stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        if (poll(fds, 2, timeout_ms) < 0 && errno != EINTR) {
+            tool_fail("poll: %s", strerror(errno));
+        }
+        if (fds[1].revents) {
+            break;
+        }
+        if (options.stats && tool_monotonic_ns() >= next_stats) {
+            stats.print(1.0);
+            next_stats += 1'000'000'000;
+        }
+        if (!fds[0].revents) {
+            continue;
+        }
+        int r = RadarScene::readSceneRecord(stream, payload);
+        if (r <= 0) {
+            if (r < 0) {
+                fprintf(stderr, "radarscene-sub: broken stream: %s\n", strerror(-r));
+                status = 1;
+            } else {
+                fprintf(stderr, "radarscene-sub: the provider closed the stream\n");
+            }
+            break;
+        }
+        ++received;
+        if (record.is_open()) {
+            uint32_t header = htonl(static_cast<uint32_t>(payload.size() + 4));
+            record.write(reinterpret_cast<const char*>(&header), sizeof(header));
+            record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+        }
+        if (!scene.ParseFromString(payload)) {
+            fprintf(stderr, "radarscene-sub: undecodable scene of %zu bytes\n", payload.size());
+            continue;
+        }
+        if (options.stats) {
+            stats.add(scene, payload.size(), tool_monotonic_ns());
+        } else if (options.summary) {
+            print_summary(scene, names);
+        } else {
+            print_json(scene);
+        }
+        fflush(stdout);
+    }
+    unsubscribe(bus, session);
+    close(stream);
+    sd_bus_flush_close_unref(bus);
+    if (record.is_open() && !record.flush()) {
+        tool_fail("cannot write %s", options.record.c_str());
+    }
+    return status;
+}

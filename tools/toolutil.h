@@ -1,0 +1,30 @@
+#pragma once
+
+// Small helpers shared by the command-line tools: one-line failures, option
+// numbers, the system bus and stop signals.
+
+#include <systemd/sd-bus.h>
+
+#include <cstdint>
+#include <string>
+
+constexpr const char* PROVIDER_SERVICE = "com.tessel.RadarSceneProvider1";
+constexpr const char* PROVIDER_PATH = "/com/tessel/RadarSceneProvider1";
+constexpr const char* PROVIDER_INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
+
+// Names the program in failure lines.
+void tool_init(const char* name);
+// Prints "<program>: <message>" on standard error and exits with status 1.
+[[noreturn]] void tool_fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// Fails with "<what>: <error text>" when `r` is a negative errno value.
+int tool_check(int r, const char* what);
+// The number in `text`, which must lie in [min, max]; fails naming `option`.
+double tool_number(const char* text, const char* option, double min, double max);
+// "name: message" of a D-Bus error, or the text of `r` when it has none.
+std::string tool_bus_error(const sd_bus_error& error, int r);
+// The system bus, or a failure line.
+sd_bus* tool_system_bus();
+// Blocks SIGINT and SIGTERM and returns a descriptor that becomes readable
+// when one of them arrives.
+int tool_stop_signals();
+uint64_t tool_monotonic_ns();
