@@ -274,7 +274,7 @@ TEST(SerializeFrame, ConcurrentCallersGetTheirOwnBytes) {
         threads.emplace_back([&] {
             Frame frame = full_frame();
             std::string out;
-            for (int i = 0; i < 300; ++i) {
+            for (int i = 0; i < 3000; ++i) {
                 serializeFrame(out, frame, options);
                 Frame back = deserializeFrame(out);
                 mismatches += out != expected || back.objects.size() != 1;
