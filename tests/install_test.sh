@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# The installed library as integrators meet it: a consumer built through
+# find_package(RadarScene) and through pkg-config, and the provider on a bus
+# configured like Debian's system bus with only the installed policy file.
+# Usage: install_test.sh <build dir> <source dir>
+set -euo pipefail
+
+build=$1
+source=$2
+work=$(mktemp -d /tmp/radarscene-install-XXXXXX)
+chmod 755 "$work"
+prefix=$work/prefix
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+[[ -z $(find "$prefix/lib" -maxdepth 1 -name 'libpermo2*' -o -maxdepth 1 -name 'libtessel*') ]] ||
+    fail "stand-ins of the device's libraries in the system library folder"
+
+cmake -S "$source/tests/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cmake-consumer" >/dev/null
+[[ $("$work/cmake-consumer/consumer") == "time 42, object 7 at 10 m" ]] || fail "find_package consumer"
+
+flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs radarscene)
+[[ $flags != *sdbus* && $flags != *systemd* ]] || fail "pkg-config forces the D-Bus libraries: $flags"
+# shellcheck disable=SC2086
+c++ -std=c++17 "$source/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib" \
+    -o "$work/pkg-consumer"
+[[ $("$work/pkg-consumer") == "time 42, object 7 at 10 m" ]] || fail "pkg-config consumer"
+
+if [[ $(id -u) -ne 0 ]]; then
+    echo "SKIPPED: the system bus check needs root to run a client as another user"
+    exit 77
+fi
+sed -e "s|@DIR@|$work|" -e "s|@POLICY_DIR@|$prefix/share/dbus-1/system.d|" \
+    "$source/tests/system-bus.conf.in" >"$work/system.conf"
+dbus-daemon --config-file="$work/system.conf" --nofork --nopidfile --print-address=3 \
+    3>"$work/address" 2>/dev/null &
+pids+=($!)
+for _ in $(seq 50); do [[ -S $work/system_bus_socket ]] && break; sleep 0.1; done
+chmod 666 "$work/system_bus_socket"
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/system_bus_socket
+export LD_LIBRARY_PATH=$prefix/lib VARRO_DEV_DIR=$work/broker
+as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
+
+as_nobody "$prefix/bin/radarscene-demo-producer" 2>"$work/refused.log" &&
+    fail "a producer running as nobody owned the provider's name"
+grep -q "Permission denied\|AccessDenied" "$work/refused.log" || fail "$(cat "$work/refused.log")"
+
+"$prefix/bin/radarscene-demo-producer" 2>"$work/producer.log" &
+pids+=($!)
+"$prefix/bin/radarscene-sub" --wait 10 --count 1 >/dev/null || fail "root subscriber"
+
+as_nobody dbus-send --system --print-reply --dest=com.tessel.RadarSceneProvider1 \
+    /com/tessel/RadarSceneProvider1 org.freedesktop.DBus.Introspectable.Introspect \
+    >"$work/introspection" || fail "introspection refused"
+grep -q 'interface name="com.tessel.RadarSceneProvider1.Scene"' "$work/introspection" ||
+    fail "introspection without the Scene interface"
+# The bus lets nobody through; the access policy, which grants only root and
+# the producer's user, answers.
+as_nobody "$prefix/bin/radarscene-sub" --count 1 2>"$work/nobody.log" && fail "nobody subscribed"
+[[ $(cat "$work/nobody.log") == "radarscene-sub: org.freedesktop.DBus.Error.AccessDenied: User nobody is not authorized for com.tessel.RadarSceneProvider1.Scene.SubscribeSocket" ]] ||
+    fail "nobody was not answered by the access check: $(cat "$work/nobody.log")"
+echo "install: all checks passed"
