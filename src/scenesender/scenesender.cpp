@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -29,6 +30,15 @@ RadarScene::SerializeFrameOptions session_options(const session_t& session,
     options.raw = session_get_option5(session);
     options.filtered_classes = static_cast<uint32_t>(raw_mask);
     return options;
+}
+
+// The session's five option flags as a number 0..31.
+unsigned options_key(const session_t& session) {
+    return static_cast<unsigned>(session_get_option1(session)) |
+           static_cast<unsigned>(session_get_option2(session)) << 1 |
+           static_cast<unsigned>(session_get_option3(session)) << 2 |
+           static_cast<unsigned>(session_get_option4(session)) << 3 |
+           static_cast<unsigned>(session_get_option5(session)) << 4;
 }
 
 // One record on the stream: the big-endian length, which counts itself,
@@ -96,6 +106,10 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
     bool any_broke = false;
     {
         std::lock_guard lock(sender.mutex);
+        // Sessions with the same options get the same bytes: each distinct
+        // option set is serialized once per send.
+        std::array<std::string, 32> payloads;
+        uint32_t serialized = 0;
         for (auto& session_ptr : sender.session_list) {
             RS_ASSERT(session_ptr);
             session_t& session = *session_ptr;
@@ -103,9 +117,13 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
             if (state == SESSION_STATE_BROKEN || state == SESSION_STATE_CLOSED) {
                 continue;
             }
-            std::string payload;
-            RadarScene::serializeFrame(payload, frame, session_options(session, raw_mask));
-            int r = write_record(session_get_fd(session), payload);
+            unsigned key = options_key(session);
+            if (!(serialized & (1u << key))) {
+                RadarScene::serializeFrame(payloads[key], frame,
+                                           session_options(session, raw_mask));
+                serialized |= 1u << key;
+            }
+            int r = write_record(session_get_fd(session), payloads[key]);
             if (r < 0) {
                 session.error = -r;
                 session_set_state(session, SESSION_STATE_BROKEN);

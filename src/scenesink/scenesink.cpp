@@ -67,7 +67,13 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
     wait(sink.slot_free);
     {
         std::lock_guard lock(sink.frame_mutex);
-        sink.pending_frame = std::make_unique<RadarScene::Frame>(frame);
+        // Copying into a frame that already has storage (the one still
+        // pending, or the one the worker handed back) reuses its vectors.
+        if (!sink.pending_frame) {
+            sink.pending_frame = sink.spare_frame ? std::move(sink.spare_frame)
+                                                  : std::make_unique<RadarScene::Frame>();
+        }
+        *sink.pending_frame = frame;
         sink.pending_raw_mask = raw_mask;
     }
     post(sink.frame_ready);
@@ -85,6 +91,8 @@ void sink_thread_main(scene_sink_t& sink) {
         }
         if (frame) {
             scene_sender_send(*sink.sender, *frame, raw_mask);
+            std::lock_guard lock(sink.frame_mutex);
+            sink.spare_frame = std::move(frame);
         }
         post(sink.slot_free);
     }

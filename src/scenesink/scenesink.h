@@ -30,9 +30,10 @@ struct scene_sink_t {
     sem_t slot_free;
     sem_t frame_ready;
     std::mutex state_mutex;  // serialises start and stop
-    std::mutex frame_mutex;  // guards the two pending fields
+    std::mutex frame_mutex;  // guards the three frame fields
     std::unique_ptr<RadarScene::Frame> pending_frame;
     unsigned long pending_raw_mask = 0;
+    std::unique_ptr<RadarScene::Frame> spare_frame;  // a sent frame, kept for its storage
 };
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender);

@@ -5,7 +5,9 @@
 
 #include <google/protobuf/arena.h>
 
+#include <memory>
 #include <mutex>
+#include <vector>
 
 namespace RadarScene {
 namespace {
@@ -13,16 +15,35 @@ namespace {
 constexpr size_t ARENA_START_BLOCK = 64 * 1024;
 
 // The scene of every conversion lives on one arena that is reset after each
-// call, so the sending thread does not pay for many small allocations.
+// call, so the sending thread does not pay for many small allocations. The
+// arena's first block is ours and survives the reset; when a conversion
+// needed more, the block grows to twice that, so a steady stream of large
+// frames reuses the same memory instead of faulting it in again each call.
 struct scene_codec {
-    scene_codec() : arena(arena_options()) {}
-    static google::protobuf::ArenaOptions arena_options() {
+    scene_codec() { grow(ARENA_START_BLOCK); }
+
+    void grow(size_t size) {
+        arena.reset();
+        block.assign(size, 0);
         google::protobuf::ArenaOptions options;
-        options.start_block_size = ARENA_START_BLOCK;
-        return options;
+        options.initial_block = block.data();
+        options.initial_block_size = block.size();
+        arena = std::make_unique<google::protobuf::Arena>(options);
     }
+
+    // Called with `mutex` held, once the conversion's scene is done with.
+    void reset() {
+        size_t used = static_cast<size_t>(arena->SpaceAllocated());
+        if (used > block.size()) {
+            grow(2 * used);
+        } else {
+            arena->Reset();
+        }
+    }
+
     std::mutex mutex;
-    google::protobuf::Arena arena;
+    std::vector<char> block;
+    std::unique_ptr<google::protobuf::Arena> arena;
 };
 
 // Arena::Create puts nested messages on the arena only from protobuf 26 on;
@@ -266,20 +287,20 @@ void RadarScene::serializeFrame(std::string& out, const Frame& frame,
                                 const SerializeFrameOptions& options) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
-    Scene* scene = create_scene(c.arena);
+    Scene* scene = create_scene(*c.arena);
     convert_frame_to_scene(*scene, frame, options);
     out.clear();
     scene->SerializeToString(&out);
-    c.arena.Reset();
+    c.reset();
 }
 
 Frame RadarScene::deserializeFrame(std::string_view bytes) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
     Frame frame{};
-    Scene* scene = create_scene(c.arena);
+    Scene* scene = create_scene(*c.arena);
     scene->ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
     convert_scene_to_frame(frame, *scene);
-    c.arena.Reset();
+    c.reset();
     return frame;
 }
