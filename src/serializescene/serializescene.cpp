@@ -5,46 +5,73 @@
 
 #include <google/protobuf/arena.h>
 
-#include <memory>
+#include <map>
 #include <mutex>
-#include <vector>
 
 namespace RadarScene {
 namespace {
 
-constexpr size_t ARENA_START_BLOCK = 64 * 1024;
+constexpr size_t ARENA_BLOCK = 64 * 1024;
+// Blocks kept for reuse beyond this are given back to the system.
+constexpr size_t MAX_POOLED_BYTES = 16 * 1024 * 1024;
 
-// The scene of every conversion lives on one arena that is reset after each
-// call, so the sending thread does not pay for many small allocations. The
-// arena's first block is ours and survives the reset; when a conversion
-// needed more, the block grows to twice that, so a steady stream of large
-// frames reuses the same memory instead of faulting it in again each call.
-struct scene_codec {
-    scene_codec() { grow(ARENA_START_BLOCK); }
+// The blocks that the shared arena hands back when it is reset, kept for
+// the next conversion: a steady stream of large frames then reuses the same
+// memory instead of faulting it in again on every call, whichever thread
+// converts. Only used by the arena, so under the codec's mutex.
+struct block_pool {
+    std::multimap<size_t, void*> blocks;
+    size_t pooled = 0;
 
-    void grow(size_t size) {
-        arena.reset();
-        block.assign(size, 0);
-        google::protobuf::ArenaOptions options;
-        options.initial_block = block.data();
-        options.initial_block_size = block.size();
-        arena = std::make_unique<google::protobuf::Arena>(options);
+    void* take(size_t size) {
+        auto it = blocks.find(size);
+        if (it == blocks.end()) {
+            return ::operator new(size);
+        }
+        void* block = it->second;
+        blocks.erase(it);
+        pooled -= size;
+        return block;
     }
 
-    // Called with `mutex` held, once the conversion's scene is done with.
-    void reset() {
-        size_t used = static_cast<size_t>(arena->SpaceAllocated());
-        if (used > block.size()) {
-            grow(2 * used);
-        } else {
-            arena->Reset();
+    void give(void* block, size_t size) {
+        if (pooled + size > MAX_POOLED_BYTES) {
+            ::operator delete(block);
+            return;
         }
+        blocks.emplace(size, block);
+        pooled += size;
+    }
+};
+
+// Never destroyed, like the codec that uses it.
+block_pool& arena_blocks() {
+    static block_pool* pool = new block_pool;
+    return *pool;
+}
+
+// The scene of every conversion lives on one arena that is reset after each
+// call, so the sending thread does not pay for many small allocations.
+struct scene_codec {
+    scene_codec() : arena(arena_options()) {}
+    static google::protobuf::ArenaOptions arena_options() {
+        google::protobuf::ArenaOptions options;
+        options.start_block_size = ARENA_BLOCK;
+        options.max_block_size = ARENA_BLOCK;
+        options.block_alloc = [](size_t size) { return arena_blocks().take(size); };
+        options.block_dealloc = [](void* block, size_t size) { arena_blocks().give(block, size); };
+        return options;
     }
 
     std::mutex mutex;
-    std::vector<char> block;
-    std::unique_ptr<google::protobuf::Arena> arena;
+    google::protobuf::Arena arena;
 };
+
+// Never destroyed: worker threads may still convert while statics go away.
+scene_codec& codec() {
+    static scene_codec* instance = new scene_codec;
+    return *instance;
+}
 
 // Arena::Create puts nested messages on the arena only from protobuf 26 on;
 // CreateMessage, which does so before, is deprecated from 27.
@@ -54,12 +81,6 @@ Scene* create_scene(google::protobuf::Arena& arena) {
 #else
     return google::protobuf::Arena::CreateMessage<Scene>(&arena);
 #endif
-}
-
-// Never destroyed: worker threads may still convert while statics go away.
-scene_codec& codec() {
-    static scene_codec* instance = new scene_codec;
-    return *instance;
 }
 
 void set_velocity(Velocity& out, double vx, double vy) {
@@ -287,20 +308,20 @@ void RadarScene::serializeFrame(std::string& out, const Frame& frame,
                                 const SerializeFrameOptions& options) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
-    Scene* scene = create_scene(*c.arena);
+    Scene* scene = create_scene(c.arena);
     convert_frame_to_scene(*scene, frame, options);
     out.clear();
     scene->SerializeToString(&out);
-    c.reset();
+    c.arena.Reset();
 }
 
 Frame RadarScene::deserializeFrame(std::string_view bytes) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);
     Frame frame{};
-    Scene* scene = create_scene(*c.arena);
+    Scene* scene = create_scene(c.arena);
     scene->ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
     convert_scene_to_frame(frame, *scene);
-    c.reset();
+    c.arena.Reset();
     return frame;
 }
