@@ -89,8 +89,8 @@ grep -q "skipped 1 undecodable records" "$work/replay.log" ||
 [[ $(cat "$work/error.log") == "radarscene-sub: no radar scene provider on the system bus" ]] ||
     fail "error line: $(cat "$work/error.log")"
 
-if ! "$python" -c "import dbus, google.protobuf" 2>/dev/null; then
-    echo "SKIPPED: the Python example needs python3-dbus and python3-protobuf"
+if ! PYTHONPATH=$build/python "$python" -c "import dbus, scene_pb2" 2>/dev/null; then
+    echo "SKIPPED: the Python example needs python3-dbus and a python3-protobuf that reads classes of this protoc"
     exit 77
 fi
 "$tools/radarscene-demo-producer" 2>/dev/null &
