@@ -6,36 +6,27 @@
 set -euo pipefail
 
 build=$1
-source=$2
-work=$(mktemp -d /tmp/radarscene-install-XXXXXX)
-chmod 755 "$work"
+src=$2
+source "$(dirname "${BASH_SOURCE[0]}")/testlib.sh"
 prefix=$work/prefix
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do
-        kill "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 [[ -z $(find "$prefix/lib" -maxdepth 1 -name 'libpermo2*' -o -maxdepth 1 -name 'libtessel*') ]] ||
     fail "stand-ins of the device's libraries in the system library folder"
 
-cmake -S "$source/tests/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+# The consumer finds the dependencies the library was built against.
+deps=$(sed -n 's/^CMAKE_PREFIX_PATH:[A-Z]*=//p' "$build/CMakeCache.txt")
+pc_path=$prefix/lib/pkgconfig
+for dep in ${deps//;/ }; do pc_path+=:$dep/lib/pkgconfig; done
+cmake -S "$src/tests/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix;$deps" \
+    >/dev/null
 cmake --build "$work/cmake-consumer" >/dev/null
 [[ $("$work/cmake-consumer/consumer") == "time 42, object 7 at 10 m" ]] || fail "find_package consumer"
 
-flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs radarscene)
+flags=$(PKG_CONFIG_PATH=$pc_path pkg-config --cflags --libs radarscene)
 [[ $flags != *sdbus* && $flags != *systemd* ]] || fail "pkg-config forces the D-Bus libraries: $flags"
 # shellcheck disable=SC2086
-c++ -std=c++17 "$source/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib" \
+c++ -std=c++17 "$src/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib" \
     -o "$work/pkg-consumer"
 [[ $("$work/pkg-consumer") == "time 42, object 7 at 10 m" ]] || fail "pkg-config consumer"
 
@@ -44,14 +35,10 @@ if [[ $(id -u) -ne 0 ]]; then
     exit 77
 fi
 sed -e "s|@DIR@|$work|" -e "s|@POLICY_DIR@|$prefix/share/dbus-1/system.d|" \
-    "$source/tests/system-bus.conf.in" >"$work/system.conf"
-dbus-daemon --config-file="$work/system.conf" --nofork --nopidfile --print-address=3 \
-    3>"$work/address" 2>/dev/null &
-pids+=($!)
-for _ in $(seq 50); do [[ -S $work/system_bus_socket ]] && break; sleep 0.1; done
+    "$src/tests/system-bus.conf.in" >"$work/system.conf"
+start_bus "$work/system.conf"
 chmod 666 "$work/system_bus_socket"
-export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/system_bus_socket
-export LD_LIBRARY_PATH=$prefix/lib VARRO_DEV_DIR=$work/broker
+export LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} VARRO_DEV_DIR=$work/broker
 as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
 
 as_nobody "$prefix/bin/radarscene-demo-producer" 2>"$work/refused.log" &&

@@ -8,27 +8,10 @@ set -euo pipefail
 build=$1
 tools=$build/tools
 python=/usr/bin/python3
-work=$(mktemp -d /tmp/radarscene-tools-XXXXXX)
-pids=()
-cleanup() {
-    for pid in "${pids[@]}"; do
-        kill "$pid" 2>/dev/null || true
-        wait "$pid" 2>/dev/null || true
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
+source "$(dirname "${BASH_SOURCE[0]}")/testlib.sh"
 
 sed "s|@DIR@|$work|" "$2" >"$work/bus.conf"
-dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --print-address=3 \
-    3>"$work/address" 2>/dev/null &
-pids+=($!)
-for _ in $(seq 50); do [[ -s $work/address ]] && break; sleep 0.1; done
-export DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
+start_bus "$work/bus.conf"
 export VARRO_DEV_DIR=$work/broker
 
 # Reads the JSON lines of radarscene-sub and prints "time id,id,..." per

@@ -10,9 +10,7 @@
 #include <getopt.h>
 
 #include <cmath>
-#include <csignal>
 #include <cstdio>
-#include <exception>
 #include <memory>
 
 namespace {
@@ -80,25 +78,18 @@ producer parse_options(int argc, char** argv) {
                 p.objects = static_cast<int>(tool_number(optarg, "--objects", 0, 10'000));
                 break;
             case HELP:
-                fputs(USAGE, stdout);
-                exit(0);
+                tool_help(USAGE);
             default:
-                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+                tool_bad_option(argv);
         }
     }
-    if (optind < argc) {
-        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
-    }
+    tool_no_arguments(argc, argv);
     return p;
 }
 
 int run(producer& p) {
-    sd_event* event = nullptr;
-    tool_check(sd_event_new(&event), "sd_event_new");
-    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
-    tool_stop_signals();
-    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
-    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+    sd_event_owner loop = tool_event_loop();
+    sd_event* event = loop.get();
 
     auto connection = sdbus::createSystemBusConnection();
     RadarScene::Sink sink(*connection, event,
@@ -136,9 +127,5 @@ int run(producer& p) {
 int main(int argc, char** argv) {
     tool_init("radarscene-demo-producer");
     producer p = parse_options(argc, argv);
-    try {
-        return run(p);
-    } catch (const std::exception& e) {
-        tool_fail("%s", e.what());
-    }
+    return tool_run([&] { return run(p); });
 }

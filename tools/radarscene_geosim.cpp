@@ -7,7 +7,6 @@
 #include <systemd/sd-event.h>
 
 #include <getopt.h>
-#include <signal.h>
 
 #include <cmath>
 #include <cstdio>
@@ -99,15 +98,12 @@ device_t parse_options(int argc, char** argv) {
                 device.drift = tool_number(optarg, "--drift", -10'000, 10'000);
                 break;
             case HELP:
-                fputs(USAGE, stdout);
-                exit(0);
+                tool_help(USAGE);
             default:
-                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+                tool_bad_option(argv);
         }
     }
-    if (optind < argc) {
-        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
-    }
+    tool_no_arguments(argc, argv);
     return device;
 }
 
@@ -116,12 +112,8 @@ device_t parse_options(int argc, char** argv) {
 int main(int argc, char** argv) {
     tool_init("radarscene-geosim");
     device_t device = parse_options(argc, argv);
-    sd_event* event = nullptr;
-    tool_check(sd_event_new(&event), "sd_event_new");
-    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
-    tool_stop_signals();
-    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
-    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+    sd_event_owner loop = tool_event_loop();
+    sd_event* event = loop.get();
 
     device.bus = tool_system_bus();
     std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)> bus_owner(device.bus, sd_bus_flush_close_unref);

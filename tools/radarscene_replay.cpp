@@ -10,7 +10,6 @@
 
 #include <fcntl.h>
 #include <getopt.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,7 +17,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <map>
 #include <memory>
 #include <string>
@@ -78,10 +76,9 @@ options_t parse_options(int argc, char** argv) {
                 break;
             }
             case HELP:
-                fputs(USAGE, stdout);
-                exit(0);
+                tool_help(USAGE);
             default:
-                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+                tool_bad_option(argv);
         }
     }
     if (optind + 1 != argc) {
@@ -179,16 +176,8 @@ struct replay {
 
 int run(const options_t& options) {
     recording scenes = load(options.file);
-    sd_event* event = nullptr;
-    tool_check(sd_event_new(&event), "sd_event_new");
-    std::unique_ptr<sd_event, sd_event* (*)(sd_event*)> event_owner(event, sd_event_unref);
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop, nullptr);
-    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
-    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+    sd_event_owner loop = tool_event_loop();
+    sd_event* event = loop.get();
 
     auto connection = sdbus::createSystemBusConnection();
     RadarScene::Sink sink(*connection, event,
@@ -221,9 +210,5 @@ int run(const options_t& options) {
 int main(int argc, char** argv) {
     tool_init("radarscene-replay");
     options_t options = parse_options(argc, argv);
-    try {
-        return run(options);
-    } catch (const std::exception& e) {
-        tool_fail("%s", e.what());
-    }
+    return tool_run([&] { return run(options); });
 }

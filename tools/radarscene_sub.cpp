@@ -22,7 +22,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,7 +59,7 @@ struct options_t {
     std::string record;
 };
 
-std::optional<options_t> parse_options(int argc, char** argv) {
+options_t parse_options(int argc, char** argv) {
     enum {
         CHANNEL = 1,
         BBOX,
@@ -132,15 +131,12 @@ std::optional<options_t> parse_options(int argc, char** argv) {
                 options.wait = tool_number(optarg, "--wait", 0, 3600);
                 break;
             case HELP:
-                fputs(USAGE, stdout);
-                return std::nullopt;
+                tool_help(USAGE);
             default:
-                tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+                tool_bad_option(argv);
         }
     }
-    if (optind < argc) {
-        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
-    }
+    tool_no_arguments(argc, argv);
     return options;
 }
 
@@ -308,11 +304,7 @@ struct stream_stats {
 
 int main(int argc, char** argv) {
     tool_init("radarscene-sub");
-    std::optional<options_t> parsed = parse_options(argc, argv);
-    if (!parsed) {
-        return 0;
-    }
-    const options_t& options = *parsed;
+    const options_t options = parse_options(argc, argv);
 
     std::ofstream record;
     if (!options.record.empty()) {

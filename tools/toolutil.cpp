@@ -1,5 +1,6 @@
 #include "toolutil.h"
 
+#include <getopt.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 
 namespace {
 
@@ -80,4 +82,37 @@ uint64_t tool_monotonic_ns() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void tool_help(const char* usage) {
+    fputs(usage, stdout);
+    exit(0);
+}
+
+void tool_bad_option(char** argv) {
+    tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+}
+
+void tool_no_arguments(int argc, char** argv) {
+    if (optind < argc) {
+        tool_fail("unexpected argument '%s' (see --help)", argv[optind]);
+    }
+}
+
+sd_event_owner tool_event_loop() {
+    sd_event* event = nullptr;
+    tool_check(sd_event_new(&event), "sd_event_new");
+    sd_event_owner owner(event, sd_event_unref);
+    tool_stop_signals();
+    sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr);
+    sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr);
+    return owner;
+}
+
+int tool_run(const std::function<int()>& body) {
+    try {
+        return body();
+    } catch (const std::exception& e) {
+        tool_fail("%s", e.what());
+    }
 }

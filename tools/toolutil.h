@@ -4,8 +4,11 @@
 // numbers, the system bus and stop signals.
 
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 
 constexpr const char* PROVIDER_SERVICE = "com.tessel.RadarSceneProvider1";
@@ -28,3 +31,15 @@ sd_bus* tool_system_bus();
 // when one of them arrives.
 int tool_stop_signals();
 uint64_t tool_monotonic_ns();
+
+// Option parsing: --help prints `usage` and exits 0; an unknown option or a
+// left-over argument is a failure line.
+[[noreturn]] void tool_help(const char* usage);
+[[noreturn]] void tool_bad_option(char** argv);
+void tool_no_arguments(int argc, char** argv);
+
+using sd_event_owner = std::unique_ptr<sd_event, sd_event* (*)(sd_event*)>;
+// A new event loop that ends when SIGINT or SIGTERM arrives.
+sd_event_owner tool_event_loop();
+// Runs `body`, turning an exception into a failure line; returns its status.
+int tool_run(const std::function<int()>& body);

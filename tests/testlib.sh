@@ -1,0 +1,30 @@
+# Sourced by the shell tests: a work folder that is removed on exit together
+# with the processes the test started, failure lines, and a private bus.
+
+work=$(mktemp -d /tmp/radarscene-test-XXXXXX)
+chmod 755 "$work"
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# Starts dbus-daemon with the configuration file $1 and points
+# DBUS_SYSTEM_BUS_ADDRESS at it.
+start_bus() {
+    dbus-daemon --config-file="$1" --nofork --nopidfile --print-address=3 3>"$work/address" \
+        2>/dev/null &
+    pids+=($!)
+    for _ in $(seq 50); do [[ -s $work/address ]] && break; sleep 0.1; done
+    DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
+    export DBUS_SYSTEM_BUS_ADDRESS
+}
