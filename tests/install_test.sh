@@ -17,7 +17,10 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 # The consumer finds the dependencies the library was built against.
 deps=$(sed -n 's/^CMAKE_PREFIX_PATH:[A-Z]*=//p' "$build/CMakeCache.txt")
 pc_path=$prefix/lib/pkgconfig
-for dep in ${deps//;/ }; do pc_path+=:$dep/lib/pkgconfig; done
+for dep in ${deps//;/ }; do
+    pc_path+=:$dep/lib/pkgconfig
+    export LD_LIBRARY_PATH=$dep/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+done
 cmake -S "$src/tests/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix;$deps" \
     >/dev/null
 cmake --build "$work/cmake-consumer" >/dev/null
