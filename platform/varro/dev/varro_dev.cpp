@@ -47,11 +47,13 @@ public:
         return {};
     }
 
+    // Each item is flushed before the result is given, so that a full disk
+    // fails the item that did not fit instead of a later close.
     Result<void> WriteData(const TopicData& data,
                            std::optional<std::chrono::system_clock::time_point>) override {
         std::lock_guard lock(mutex_);
         std::ofstream out(topic_dir() + "/" + topic_ + ".jsonl", std::ios::app);
-        out << data.Json() << '\n';
+        out << data.Json() << '\n' << std::flush;
         if (!out) {
             return MakeError(ApiErrorCode::IoError, "cannot append to " + topic_ + ".jsonl");
         }
@@ -86,7 +88,11 @@ public:
             return MakeError(ApiErrorCode::InvalidArgument, "invalid topic definition");
         }
         std::string name = parsed["topic_name"].get<std::string>();
-        std::ofstream(definition_path(name)) << definition;
+        std::ofstream out(definition_path(name));
+        out << definition << std::flush;
+        if (!out) {
+            return MakeError(ApiErrorCode::IoError, "cannot write the definition of " + name);
+        }
         return Topic(name);
     }
 

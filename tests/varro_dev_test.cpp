@@ -1,0 +1,40 @@
+#include <tessel_os_varro/varro.h>
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+using namespace tessel_os_varro;
+
+// The development broker's files on a disk that is full: /dev/full takes
+// the place of the files, and every write to it fails with ENOSPC.
+TEST(DevelopmentBroker, WriteFailuresFailTheItemOrTheTopicAtOnce) {
+    char dir[] = "/tmp/radarscene-varro-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    setenv("VARRO_DEV_DIR", dir, 1);
+    std::string folder = dir;
+    auto client = Client::Create("test", {4, 1, 0});
+    ASSERT_TRUE(client->Connect());
+
+    ASSERT_EQ(symlink("/dev/full", (folder + "/full.topic.json").c_str()), 0);
+    auto unwritable = client->CreateTopic(R"({"topic_name":"full"})");
+    ASSERT_FALSE(unwritable);
+    EXPECT_EQ(unwritable.error().code, ApiErrorCode::IoError);
+
+    ASSERT_TRUE(client->CreateTopic(R"({"topic_name":"scene"})"));
+    ASSERT_EQ(symlink("/dev/full", (folder + "/scene.jsonl").c_str()), 0);
+    auto writer = client->CreateTopicDataWriter("writer");
+    ASSERT_TRUE(writer);
+    ASSERT_TRUE((*writer)->Initialize("scene"));
+    auto written = (*writer)->WriteData(*TopicData::FromJson("{}"), std::nullopt);
+    ASSERT_FALSE(written);
+    EXPECT_EQ(written.error().code, ApiErrorCode::IoError);
+
+    for (const char* file : {"/full.topic.json", "/scene.jsonl", "/scene.topic.json"}) {
+        unlink((folder + file).c_str());
+    }
+    rmdir(dir);
+    unsetenv("VARRO_DEV_DIR");
+}
