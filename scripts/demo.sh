@@ -2,10 +2,18 @@
 # Runs the library end to end on a private D-Bus daemon: a simulated
 # geolocation service, the demo producer pushing synthetic radar frames
 # through a Sink, and radarscene-sub showing the stream as summaries and as
-# statistics. Usage: scripts/demo.sh
+# statistics. With --mqtt the broker topics go to a private mosquitto broker
+# instead of files, and a few of their data items are shown.
+# Usage: scripts/demo.sh [--mqtt]
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+mqtt=false
+case ${1:-} in
+--mqtt) mqtt=true ;;
+"") ;;
+*) echo "usage: scripts/demo.sh [--mqtt]" >&2; exit 2 ;;
+esac
 "$root/scripts/install-deps.sh"
 
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -34,6 +42,19 @@ export VARRO_DEV_DIR=$root/build/demo-broker
 rm -rf "$VARRO_DEV_DIR"
 echo "private system bus: $DBUS_SYSTEM_BUS_ADDRESS"
 
+if $mqtt; then
+    port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+    chmod 755 "$work"
+    printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\n' "$port" >"$work/mosquitto.conf"
+    mosquitto -c "$work/mosquitto.conf" 2>/dev/null &
+    pids+=($!)
+    for _ in $(seq 50); do (echo >"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
+    export VARRO_MQTT_URL=mqtt://127.0.0.1:$port
+    echo "private MQTT broker: $VARRO_MQTT_URL"
+    mosquitto_sub -h 127.0.0.1 -p "$port" -t 'mdb.radar.scene/1' -C 3 -v >"$work/mqtt.txt" &
+    mqtt_sub=$!
+fi
+
 "$tools/radarscene-geosim" --lat 59.3293 --lon 18.0686 --heading 30 --drift 2 &
 pids+=($!)
 "$tools/radarscene-demo-producer" --rate 20 &
@@ -46,9 +67,17 @@ echo
 echo "== radarscene-sub --stats --duration 3"
 "$tools/radarscene-sub" --stats --duration 3
 
-stop_all
-echo
-echo "broker topics written by the development broker backend to $VARRO_DEV_DIR:"
-for data in "$VARRO_DEV_DIR"/*.jsonl; do
-    echo "  $(basename "$data" .jsonl): $(wc -l <"$data") data items"
-done
+if $mqtt; then
+    wait "$mqtt_sub" || true
+    echo
+    echo "== data items received with mosquitto_sub from $VARRO_MQTT_URL"
+    cut -c1-160 "$work/mqtt.txt"
+    stop_all
+else
+    stop_all
+    echo
+    echo "broker topics written by the development broker backend to $VARRO_DEV_DIR:"
+    for data in "$VARRO_DEV_DIR"/*.jsonl; do
+        echo "  $(basename "$data" .jsonl): $(wc -l <"$data") data items"
+    done
+fi

@@ -10,6 +10,7 @@ packages=(
     dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
     python3-dbus python3-protobuf
+    mosquitto libmosquitto-dev mosquitto-clients
 )
 
 missing=()

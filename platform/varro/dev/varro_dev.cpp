@@ -1,9 +1,13 @@
 // Development stand-in for the device's broker client: topics live as files
 // in a directory that a developer can watch. Each topic "T" has its
 // definition in "T.topic.json" and its data items, one JSON document a line,
-// in "T.jsonl". The directory is $VARRO_DEV_DIR, or /tmp/varro-dev.
+// in "T.jsonl". The directory is $VARRO_DEV_DIR, or /tmp/varro-dev. Built
+// with MQTT support, a broker named by $VARRO_MQTT_URL is used instead.
 
 #include <tessel_os_varro/varro.h>
+#ifdef VARRO_WITH_MQTT
+#include "varro_mqtt.h"
+#endif
 
 #include <nlohmann/json.hpp>
 
@@ -103,7 +107,14 @@ public:
 
 }  // namespace
 
-std::unique_ptr<Client> Client::Create(const std::string&, const ClientOptions&) {
+std::unique_ptr<Client> Client::Create(const std::string& name, const ClientOptions&) {
+#ifdef VARRO_WITH_MQTT
+    if (const char* url = getenv("VARRO_MQTT_URL"); url && *url) {
+        return create_mqtt_client(name, url);
+    }
+#else
+    (void)name;
+#endif
     return std::make_unique<DevClient>();
 }
 
