@@ -96,7 +96,7 @@ protected:
     }
 
     void push(int pushed, const RadarScene::Frame& frame, unsigned long raw_mask = 0) {
-        publish(publisher, pushed, frame, raw_mask, classes);
+        publish(publisher, pushed, frame, raw_mask, [this] { return classes; });
     }
 
     std::vector<std::string> calls_from(size_t first) {

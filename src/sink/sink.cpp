@@ -96,10 +96,8 @@ void Sink::setRawMask(unsigned long mask) {
 
 void Sink::push(int channel, const Frame& frame) {
     channel_handler_push(*impl_->handler, channel, frame, raw_mask);
-    if (!impl_->publisher.topics.empty()) {
-        publish(impl_->publisher, channel, frame, raw_mask,
-                impl_->provider.objectClassifications());
-    }
+    publish(impl_->publisher, channel, frame, raw_mask,
+            [this] { return impl_->provider.objectClassifications(); });
 }
 
 void Sink::push(int channel, std::string_view data) {

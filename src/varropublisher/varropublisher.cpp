@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <optional>
+
 using namespace tessel_os_varro;
 using SceneProvider::VarroTopicKind;
 using SceneProvider::VarroTopicState;
@@ -16,6 +18,7 @@ namespace {
 
 constexpr const char* WRITER_NAME = "libmerrow";
 constexpr ClientOptions CLIENT_OPTIONS = {4, 1, 0};
+const std::map<int32_t, std::string> NO_CLASSES;
 
 nlohmann::json envelope(const VarroTopicState& topic, const std::string& encoded,
                         const timespec& timestamp) {
@@ -102,14 +105,20 @@ void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& 
 }
 
 void publish(varro_publisher_t& publisher, int channel, const RadarScene::Frame& frame,
-             unsigned long raw_mask, const std::map<int32_t, std::string>& classes) {
+             unsigned long raw_mask, const class_table_source& classes) {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     std::string source = std::to_string(channel + 1);
+    // Only the ZRF documents name classes: the table is fetched for them, once.
+    std::optional<std::map<int32_t, std::string>> table;
     for (auto& topic : publisher.topics) {
-        if (topic->source == source) {
-            publishToTopic(publisher, *topic, frame, raw_mask, classes, now);
+        if (topic->source != source) {
+            continue;
         }
+        if (!table && topic->kind != SceneProvider::SerializedScene) {
+            table = classes();
+        }
+        publishToTopic(publisher, *topic, frame, raw_mask, table ? *table : NO_CLASSES, now);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "varropublisher/varrotopicstate.h"
 
 #include <ctime>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -33,11 +34,14 @@ void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& 
                                int supportedChannel, SceneProvider::VarroTopicKind kind,
                                const RadarScene::SerializeFrameOptions& options);
 
+// The object class table (id -> name) that names classes in ZRF documents.
+using class_table_source = std::function<std::map<int32_t, std::string>()>;
+
 // Publishes the frame of `channel` to every topic bound to it, all stamped
-// with one reading of the monotonic clock. `classes` names the object
-// classes in the ZRF documents.
+// with one reading of the monotonic clock. `classes` is asked at most once,
+// and only when a ZRF topic is published to.
 void publish(varro_publisher_t& publisher, int channel, const RadarScene::Frame& frame,
-             unsigned long raw_mask, const std::map<int32_t, std::string>& classes);
+             unsigned long raw_mask, const class_table_source& classes);
 
 void publishToTopic(varro_publisher_t& publisher, SceneProvider::VarroTopicState& topic,
                     const RadarScene::Frame& frame, unsigned long raw_mask,
