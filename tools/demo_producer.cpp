@@ -66,23 +66,17 @@ producer parse_options(int argc, char** argv) {
                                           {"help", no_argument, nullptr, HELP},
                                           {nullptr, 0, nullptr, 0}};
     producer p{nullptr, 100'000, 3};
-    int c;
-    opterr = 0;
-    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
-        switch (c) {
+    tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
+        switch (option) {
             case RATE:
                 p.period_usec =
-                    static_cast<uint64_t>(1e6 / tool_number(optarg, "--rate", 0.01, 10'000));
+                    static_cast<uint64_t>(1e6 / tool_number(value, "--rate", 0.01, 10'000));
                 break;
             case OBJECTS:
-                p.objects = static_cast<int>(tool_number(optarg, "--objects", 0, 10'000));
+                p.objects = static_cast<int>(tool_number(value, "--objects", 0, 10'000));
                 break;
-            case HELP:
-                tool_help(USAGE);
-            default:
-                tool_bad_option(argv);
         }
-    }
+    });
     tool_no_arguments(argc, argv);
     return p;
 }

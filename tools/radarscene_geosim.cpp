@@ -78,31 +78,25 @@ device_t parse_options(int argc, char** argv) {
                                           {"help", no_argument, nullptr, HELP},
                                           {nullptr, 0, nullptr, 0}};
     device_t device;
-    int c;
-    opterr = 0;
-    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
-        switch (c) {
+    tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
+        switch (option) {
             case LAT:
-                device.latitude = tool_number(optarg, "--lat", -90, 90);
+                device.latitude = tool_number(value, "--lat", -90, 90);
                 break;
             case LON:
-                device.longitude = tool_number(optarg, "--lon", -180, 180);
+                device.longitude = tool_number(value, "--lon", -180, 180);
                 break;
             case HEADING:
-                device.heading = tool_number(optarg, "--heading", -360, 360);
+                device.heading = tool_number(value, "--heading", -360, 360);
                 break;
             case INVALID:
                 device.valid = false;
                 break;
             case DRIFT:
-                device.drift = tool_number(optarg, "--drift", -10'000, 10'000);
+                device.drift = tool_number(value, "--drift", -10'000, 10'000);
                 break;
-            case HELP:
-                tool_help(USAGE);
-            default:
-                tool_bad_option(argv);
         }
-    }
+    });
     tool_no_arguments(argc, argv);
     return device;
 }

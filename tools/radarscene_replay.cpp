@@ -52,35 +52,29 @@ options_t parse_options(int argc, char** argv) {
         {"delay", required_argument, nullptr, DELAY}, {"class", required_argument, nullptr, CLASS},
         {"help", no_argument, nullptr, HELP},         {nullptr, 0, nullptr, 0}};
     options_t options;
-    int c;
-    opterr = 0;
-    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
-        switch (c) {
+    tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
+        switch (option) {
             case RATE:
-                options.rate = tool_number(optarg, "--rate", 0.001, 100'000);
+                options.rate = tool_number(value, "--rate", 0.001, 100'000);
                 break;
             case LOOP:
                 options.loop = true;
                 break;
             case DELAY:
-                options.delay = tool_number(optarg, "--delay", 0, 3600);
+                options.delay = tool_number(value, "--delay", 0, 3600);
                 break;
             case CLASS: {
-                const char* equals = strchr(optarg, '=');
-                if (!equals || equals == optarg || !equals[1]) {
-                    tool_fail("--class needs ID=NAME, not '%s'", optarg);
+                const char* equals = strchr(value, '=');
+                if (!equals || equals == value || !equals[1]) {
+                    tool_fail("--class needs ID=NAME, not '%s'", value);
                 }
-                std::string id(optarg, static_cast<size_t>(equals - optarg));
+                std::string id(value, static_cast<size_t>(equals - value));
                 options.classes[static_cast<int>(tool_number(id.c_str(), "--class", 0, INT_MAX))] =
                     equals + 1;
                 break;
             }
-            case HELP:
-                tool_help(USAGE);
-            default:
-                tool_bad_option(argv);
         }
-    }
+    });
     if (optind + 1 != argc) {
         tool_fail("needs exactly one recording (see --help)");
     }

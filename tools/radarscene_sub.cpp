@@ -90,12 +90,10 @@ options_t parse_options(int argc, char** argv) {
                                           {"help", no_argument, nullptr, HELP},
                                           {nullptr, 0, nullptr, 0}};
     options_t options;
-    int c;
-    opterr = 0;
-    while ((c = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
-        switch (c) {
+    tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
+        switch (option) {
             case CHANNEL:
-                options.channel = static_cast<int>(tool_number(optarg, "--channel", 0, 15));
+                options.channel = static_cast<int>(tool_number(value, "--channel", 0, 15));
                 break;
             case BBOX:
                 options.features["BOUNDINGBOX_ENABLED"] = true;
@@ -119,23 +117,19 @@ options_t parse_options(int argc, char** argv) {
                 options.stats = true;
                 break;
             case COUNT:
-                options.count = static_cast<long>(tool_number(optarg, "--count", 1, 1e12));
+                options.count = static_cast<long>(tool_number(value, "--count", 1, 1e12));
                 break;
             case DURATION:
-                options.duration = tool_number(optarg, "--duration", 0, 1e9);
+                options.duration = tool_number(value, "--duration", 0, 1e9);
                 break;
             case RECORD:
-                options.record = optarg;
+                options.record = value;
                 break;
             case WAIT:
-                options.wait = tool_number(optarg, "--wait", 0, 3600);
+                options.wait = tool_number(value, "--wait", 0, 3600);
                 break;
-            case HELP:
-                tool_help(USAGE);
-            default:
-                tool_bad_option(argv);
         }
-    }
+    });
     tool_no_arguments(argc, argv);
     return options;
 }

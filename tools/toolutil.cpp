@@ -84,13 +84,22 @@ uint64_t tool_monotonic_ns() {
     return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
-void tool_help(const char* usage) {
-    fputs(usage, stdout);
-    exit(0);
-}
-
-void tool_bad_option(char** argv) {
-    tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+void tool_parse_options(int argc, char** argv, const option* options, const char* usage,
+                        const std::function<void(int, const char*)>& handle) {
+    opterr = 0;
+    int index = -1;
+    int c;
+    while ((c = getopt_long(argc, argv, "", options, &index)) != -1) {
+        if (c == '?' || c == ':') {
+            tool_fail("unknown option '%s' (see --help)", argv[optind - 1]);
+        }
+        if (index >= 0 && strcmp(options[index].name, "help") == 0) {
+            fputs(usage, stdout);
+            exit(0);
+        }
+        handle(c, optarg);
+        index = -1;
+    }
 }
 
 void tool_no_arguments(int argc, char** argv) {

@@ -6,6 +6,8 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <getopt.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -32,10 +34,13 @@ sd_bus* tool_system_bus();
 int tool_stop_signals();
 uint64_t tool_monotonic_ns();
 
-// Option parsing: --help prints `usage` and exits 0; an unknown option or a
-// left-over argument is a failure line.
-[[noreturn]] void tool_help(const char* usage);
-[[noreturn]] void tool_bad_option(char** argv);
+// Parses the long options of `options` (ended by a zero entry), handing each
+// one's value and argument to `handle`; "help" prints `usage` and exits 0,
+// an unknown option is a failure line. Arguments after the options start at
+// `optind`.
+void tool_parse_options(int argc, char** argv, const option* options, const char* usage,
+                        const std::function<void(int, const char*)>& handle);
+// Fails when arguments are left after the options.
 void tool_no_arguments(int argc, char** argv);
 
 using sd_event_owner = std::unique_ptr<sd_event, sd_event* (*)(sd_event*)>;
