@@ -1,6 +1,7 @@
 #include "channelhandler/channelhandler.h"
 #include "permo2_fake.h"
 #include "providerdbus/providerscene.h"
+#include "providerdbus/scene_proxy.h"
 #include "support/eventloopthread.h"
 #include "support/fakedevice.h"
 #include "support/testbus.h"
@@ -8,11 +9,17 @@
 
 #include <radarscene/scene.pb.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <thread>
 
 using API::SdBusCpp::ProviderScene;
 
@@ -176,6 +183,31 @@ TEST_F(Provider, BadFormatAndBadChannelAreRefused) {
     EXPECT_EQ(std::get<1>(client->SubscribeSocket(3, 0, {})), 0);
 }
 
+TEST_F(Provider, ExhaustedDescriptorsRefuseTheSubscription) {
+    start();
+    // Fill every free number below the highest open descriptor, then allow
+    // exactly the two of a socket pair, so that copying the subscriber's
+    // end for the reply is the step that fails.
+    std::vector<unique_fd> fillers;
+    int top = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        top = std::max(top, std::stoi(entry.path().filename()));
+    }
+    while (fillers.empty() || fillers.back().get() <= top) {
+        fillers.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    int free_fd = fillers.back().get();
+    fillers.pop_back();
+    rlimit saved;
+    getrlimit(RLIMIT_NOFILE, &saved);
+    rlimit low = saved;
+    low.rlim_cur = static_cast<rlim_t>(free_fd + 2);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::string error = error_of([&] { client->SubscribeSocket(3, 0, {}); });
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(error, "org.freedesktop.DBus.Error.Failed: Error subscribing channel");
+}
+
 TEST_F(Provider, UnsubscribeRemovesKnownAndIgnoresUnknownSessions) {
     start();
     auto [handle, session] = client->SubscribeSocket(3, 0, {});
@@ -188,6 +220,54 @@ TEST_F(Provider, UnsubscribeRemovesKnownAndIgnoresUnknownSessions) {
     EXPECT_EQ(handler->n_sessions, 0);
     char byte;
     EXPECT_EQ(read(handle.get(), &byte, 1), 0);  // the library's end is closed
+}
+
+namespace {
+
+// Ends `session` from a connection of another process, run as nobody when
+// the test runs as root. Returns the error name, or "" on success.
+std::string unsubscribe_from_elsewhere(int32_t session) {
+    int pipe_fds[2];
+    EXPECT_EQ(pipe(pipe_fds), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        if (geteuid() == 0 &&
+            (setresgid(65534, 65534, 65534) < 0 || setresuid(65534, 65534, 65534) < 0)) {
+            _exit(2);
+        }
+        sd_bus* b = nullptr;
+        sd_bus_error error = SD_BUS_ERROR_NULL;
+        if (sd_bus_open_user(&b) >= 0 &&
+            sd_bus_call_method(b, SERVICE, PATH, INTERFACE, "UnsubscribeSocket", &error, nullptr,
+                               "i", session) < 0 &&
+            error.name) {
+            ssize_t ignored = write(pipe_fds[1], error.name, strlen(error.name));
+            (void)ignored;
+        }
+        _exit(0);
+    }
+    close(pipe_fds[1]);
+    char name[256] = {};
+    ssize_t n = read(pipe_fds[0], name, sizeof(name) - 1);
+    close(pipe_fds[0]);
+    waitpid(child, nullptr, 0);
+    return std::string(name, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+}  // namespace
+
+TEST_F(Provider, OnlyTheOwnerOrRootEndsASession) {
+    start();
+    auto [handle, session] = client->SubscribeSocket(3, 0, {});
+    EXPECT_EQ(unsubscribe_from_elsewhere(session), "org.freedesktop.DBus.Error.AccessDenied");
+    EXPECT_EQ(handler->n_sessions, 1);
+    if (geteuid() == 0) {
+        auto root_connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+        SceneClient(*root_connection).UnsubscribeSocket(session);
+    } else {
+        client->UnsubscribeSocket(session);
+    }
+    EXPECT_EQ(handler->n_sessions, 0);
 }
 
 TEST_F(Provider, ChannelAndClassificationQueries) {
@@ -203,30 +283,6 @@ TEST_F(Provider, ChannelAndClassificationQueries) {
     EXPECT_EQ(client->GetObjectClassifications(7), expected);
     EXPECT_EQ(RadarScene::getSupportedRadarChannels(), std::vector<int32_t>{2});
     EXPECT_EQ(RadarScene::getSupportedClasses(), expected);
-}
-
-TEST_F(Provider, ProviderWithoutClassesAsksTheWellKnownProvider) {
-    start();
-    provider->addObjectClassification(4, "Truck");
-
-    // A second provider under another name, with no classes of its own.
-    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
-    auto other_handler = channel_handler_create();
-    EventLoopThread other_loop;
-    ProviderScene other(*connection, "com.tessel.Other", "/other", other_handler.get(), true);
-    RadarScene::ConnectionEventSource other_source(*connection, other_loop.event());
-    other_loop.start();
-
-    auto proxy =
-        sdbus::createProxy(*client_connection, sdbus_compat::ServiceName("com.tessel.Other"),
-                           sdbus_compat::ObjectPath("/other"));
-    std::map<int32_t, std::string> classes;
-    proxy->callMethod("GetObjectClassifications")
-        .onInterface("com.tessel.RadarSceneProvider1.Scene")
-        .withArguments(int32_t{1})
-        .storeResultsTo(classes);
-    EXPECT_EQ(classes, (std::map<int32_t, std::string>{{4, "Truck"}}));
-    other_loop.stop();
 }
 
 TEST_F(Provider, RefusedCallersGetAccessDeniedAndALogLine) {
@@ -365,34 +421,48 @@ TEST_F(Provider, EachFeatureKeyShapesOnlyItsOwnPartOfTheScene) {
     }
 }
 
-TEST_F(Provider, ForwardedQuestionFromItselfEndsTheChain) {
-    // The provider owns the well-known name and has no classes: it forwards
-    // the question to itself, and that call cannot be served while it waits.
-    setenv("SYSTEMD_BUS_TIMEOUT", "1", 1);
+TEST_F(Provider, ForwardedClassQuestionNeverHoldsTheLoop) {
     start();
+    // Forwarded to itself, the question ends there: no classes, at once.
+    EXPECT_TRUE(client->GetObjectClassifications(1).empty());
+
+    // A second provider, with no classes of its own, asks the well-known
+    // one, whose loop is held for now.
+    loop.stop();
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.address());
+    auto other_handler = channel_handler_create();
+    EventLoopThread other_loop;
+    ProviderScene other(*connection, "com.tessel.Other", "/other", other_handler.get(), true);
+    RadarScene::ConnectionEventSource other_source(*connection, other_loop.event());
+    other_loop.start();
     std::map<int32_t, std::string> classes;
-    EXPECT_NE(error_of([&] {
-                  client->getProxy()
-                      .callMethod("GetObjectClassifications")
-                      .onInterface(INTERFACE)
-                      .withTimeout(std::chrono::seconds(10))
-                      .withArguments(int32_t{1})
-                      .storeResultsTo(classes);
-              }),
-              "");
-    unsetenv("SYSTEMD_BUS_TIMEOUT");
-    // The queued forwarded call is answered at once instead of forwarding
-    // again, so the loop is free for the next caller.
+    std::thread asker([&] {
+        auto asking = sdbus::createSessionBusConnectionWithAddress(bus.address());
+        sdbus::createProxy(*asking, sdbus_compat::ServiceName("com.tessel.Other"),
+                           sdbus_compat::ObjectPath("/other"))
+            ->callMethod("GetObjectClassifications")
+            .onInterface(INTERFACE)
+            .withArguments(int32_t{1})
+            .storeResultsTo(classes);
+    });
+    EXPECT_TRUE(wait_until([] { return permo2_fake::check_count() == 3; }));
+
+    // Only the asker waits: the second provider still answers everyone else.
+    auto other_proxy =
+        sdbus::createProxy(*client_connection, sdbus_compat::ServiceName("com.tessel.Other"),
+                           sdbus_compat::ObjectPath("/other"));
     int32_t count = 0;
-    EXPECT_EQ(error_of([&] {
-                  client->getProxy()
-                      .callMethod("GetNumberOfChannels")
-                      .onInterface(INTERFACE)
-                      .withTimeout(std::chrono::milliseconds(500))
-                      .storeResultsTo(count);
-              }),
-              "");
+    other_proxy->callMethod("GetNumberOfChannels")
+        .onInterface(INTERFACE)
+        .withTimeout(std::chrono::milliseconds(500))
+        .storeResultsTo(count);
     EXPECT_EQ(count, 1);
+
+    provider->addObjectClassification(4, "Truck");
+    loop.start();
+    asker.join();
+    EXPECT_EQ(classes, (std::map<int32_t, std::string>{{4, "Truck"}}));
+    other_loop.stop();
 }
 
 namespace {

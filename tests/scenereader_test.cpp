@@ -89,3 +89,16 @@ TEST_F(SceneReader, PayloadOverTheLimitIsRefusedBeforeAllocating) {
     send(length_word(0xffffffffu));
     EXPECT_EQ(next(), -EMSGSIZE);
 }
+
+TEST_F(SceneReader, ReusedPayloadNeverGrowsPastTheLimit) {
+    std::thread feed([&] {
+        for (size_t size : {40'000, 60'000}) {
+            send(length_word(static_cast<uint32_t>(4 + size)) + std::string(size, 'x'));
+        }
+    });
+    EXPECT_EQ(next(60'000), 1);
+    EXPECT_EQ(next(60'000), 1);
+    feed.join();
+    EXPECT_EQ(payload.size(), 60'000u);
+    EXPECT_LE(payload.capacity(), 60'000u);
+}

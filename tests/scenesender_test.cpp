@@ -125,3 +125,37 @@ TEST_F(SceneSender, SlowReaderIsDroppedAtItsFirstLateRecord) {
                         std::string(strerror(EAGAIN)) + "\n"),
               1);
 }
+
+TEST_F(SceneSender, StalledSessionsTimeOutTogetherWithoutHoldingTheList) {
+    std::vector<unique_fd> stalled;
+    for (int id = 0; id < 8; ++id) {
+        stalled.push_back(subscribe(id));
+    }
+    unique_fd good = subscribe(8);
+    RadarScene::Frame big;
+    RadarScene::FrameObject o;
+    o.set_covariance(std::vector<double>(250'000, 0.25));
+    big.objects.push_back(o);
+
+    std::string payload;
+    std::thread reader([&] { EXPECT_TRUE(read_record(good.get(), payload)); });
+    auto started = std::chrono::steady_clock::now();
+    std::thread send([&] { scene_sender_send(sender, big, 0); });
+    auto sending = [&] {
+        std::lock_guard lock(sender.mutex);
+        return sender.sending;
+    };
+    ASSERT_TRUE(wait_until(sending));
+    // Subscribing and unsubscribing go ahead while the send waits.
+    EXPECT_TRUE(scene_sender_remove_session(sender, 0));
+    unique_fd late = subscribe(9);
+    EXPECT_TRUE(sending());
+    send.join();
+    auto took = std::chrono::steady_clock::now() - started;
+    reader.join();
+
+    EXPECT_LT(took, std::chrono::seconds(3));  // one deadline, not one per session
+    EXPECT_EQ(reported, (std::vector<int>{1, 2, 3, 4, 5, 6, 7}));
+    EXPECT_GT(payload.size(), 1'000'000u);  // the good reader got its whole record
+    EXPECT_TRUE(nothing_to_read(late.get()));
+}

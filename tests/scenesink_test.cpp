@@ -78,9 +78,11 @@ TEST_F(SceneSink, LatestFrameWinsWhileTheWorkerIsBusy) {
         scene_sink_push(*sink, frame(2), 0);
         scene_sink_push(*sink, frame(3), 0);  // replaces 2, which is never sent
         EXPECT_EQ(slot_tokens(), 0);
+        // A push would now wait for the send; a try replaces 3 at once.
+        scene_sink_try_push(*sink, frame(4), 0);
     }
     EXPECT_EQ(next_time(), 1u);
-    EXPECT_EQ(next_time(), 3u);
+    EXPECT_EQ(next_time(), 4u);
     scene_sink_stop(*sink);
     EXPECT_TRUE(nothing_to_read(peer.get()));
 }

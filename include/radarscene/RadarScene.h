@@ -201,7 +201,12 @@ public:
 
     // Hands the frame to the channel's subscribers (written on a worker
     // thread) and publishes it to the broker topics bound to the channel.
+    // It may wait for the send in progress when the producer is three
+    // frames ahead of the worker.
     void push(int channel, const Frame& frame);
+    // As push, but never waits on the subscribers: when the worker is
+    // behind, the frame replaces the one still waiting to be sent.
+    void tryPush(int channel, const Frame& frame);
     // The same for RadarScene.Scene bytes.
     void push(int channel, std::string_view data);
 
@@ -224,8 +229,7 @@ private:
 // stream cannot be resynchronised after it), -EPROTO when the stream ends
 // inside a record, or another negative errno of read. Interrupted reads are
 // resumed; no more than `max_payload` bytes are ever allocated.
-RADARSCENE_EXPORT int readSceneRecord(int fd, std::string& payload,
-                                      size_t max_payload = 64u << 20);
+RADARSCENE_EXPORT int readSceneRecord(int fd, std::string& payload, size_t max_payload = 64u << 20);
 
 // Ask the running provider over the system bus. D-Bus trouble is logged and
 // yields an empty result.

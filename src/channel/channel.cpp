@@ -24,7 +24,6 @@ void channel_set_error_callback(channel_t& channel, std::function<void(int)> cal
 }
 
 bool has_pipeline(const channel_t& channel) {
-    std::lock_guard lock(channel.mutex);
     return channel.scene_pipeline != nullptr;
 }
 
@@ -68,5 +67,12 @@ void channel_push(channel_t& channel, const RadarScene::Frame& frame, unsigned l
     std::lock_guard lock(channel.mutex);
     if (channel.scene_pipeline) {
         scene_pipeline_push(*channel.scene_pipeline, frame, raw_mask);
+    }
+}
+
+void channel_try_push(channel_t& channel, const RadarScene::Frame& frame, unsigned long raw_mask) {
+    std::unique_lock lock(channel.mutex, std::try_to_lock);
+    if (lock && channel.scene_pipeline) {
+        scene_pipeline_try_push(*channel.scene_pipeline, frame, raw_mask);
     }
 }

@@ -10,7 +10,9 @@
 #include <mutex>
 
 // One radar channel: its sessions (the sender) and, while it has any, the
-// pipeline that delivers its frames. `mutex` guards `scene_pipeline`.
+// pipeline that delivers its frames. `mutex` guards `scene_pipeline` against
+// the producer's pushes; the pipeline is created and destroyed only by the
+// session calls, which the channel handler serialises.
 struct channel_t {
     // Stops a running pipeline before the sender its worker writes to goes.
     ~channel_t();
@@ -25,6 +27,8 @@ struct channel_t {
 // must be set before the first session breaks.
 std::unique_ptr<channel_t> channel_create();
 void channel_set_error_callback(channel_t& channel, std::function<void(int)> callback);
+// For the session calls only: it reads without the channel's mutex, which a
+// producer blocked in push may hold for as long as a send takes.
 bool has_pipeline(const channel_t& channel);
 void create_and_start_pipeline(channel_t& channel);
 // Adds the session, starting the pipeline for the first one. Returns the
@@ -33,3 +37,6 @@ unique_fd channel_add_session(channel_t& channel, std::unique_ptr<session_t> ses
 // Removes the session; the last one stops and destroys the pipeline.
 bool channel_remove_session(channel_t& channel, int id);
 void channel_push(channel_t& channel, const RadarScene::Frame& frame, unsigned long raw_mask);
+// As channel_push, but never waits: the frame replaces any pending one, and
+// is dropped while the pipeline is being created or stopped.
+void channel_try_push(channel_t& channel, const RadarScene::Frame& frame, unsigned long raw_mask);

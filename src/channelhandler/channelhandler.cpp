@@ -140,3 +140,22 @@ void channel_handler_push(channel_handler_t& handler, int channel_index,
         channel_push(*channel, frame, raw_mask);
     }
 }
+
+void channel_handler_try_push(channel_handler_t& handler, int channel_index,
+                              const RadarScene::Frame& frame, unsigned long raw_mask) {
+    RS_ASSERT(channel_index >= 0 && channel_index < MAX_CHANNELS);
+    channel_t* channel = handler.channels[channel_index].get();
+    if (channel) {
+        channel_try_push(*channel, frame, raw_mask);
+    }
+}
+
+bool channel_handler_has_session(channel_handler_t& handler, int session_id) {
+    std::lock_guard lock(handler.sessions_mutex);
+    for (auto& channel : handler.channels) {
+        if (channel && scene_sender_has_session(*channel->scene_sender, session_id)) {
+            return true;
+        }
+    }
+    return false;
+}

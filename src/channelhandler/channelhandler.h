@@ -58,3 +58,8 @@ int channel_handler_drain_broken_sessions(channel_handler_t& handler);
 // `channel_index` must be 0..MAX_CHANNELS-1.
 void channel_handler_push(channel_handler_t& handler, int channel_index,
                           const RadarScene::Frame& frame, unsigned long raw_mask);
+// As channel_handler_push, but never waits (see channel_try_push).
+void channel_handler_try_push(channel_handler_t& handler, int channel_index,
+                              const RadarScene::Frame& frame, unsigned long raw_mask);
+// True while a session with this id exists on any channel.
+bool channel_handler_has_session(channel_handler_t& handler, int session_id);

@@ -3,11 +3,99 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
 
 namespace {
+
+// Lines of one kind (the same text but for its digits) beyond the first few
+// within a second are counted instead of written: a client that makes the
+// library refuse it thousands of times a second must not fill the device's
+// flash. Once the second is over, the next line logged reports the count.
+constexpr unsigned LINES_PER_KIND_PER_SECOND = 5;
+constexpr size_t KINDS = 64;
+
+struct log_kind_t {
+    uint64_t key = 0;        // 0: unused
+    char example[160] = {};  // the kind's first line, with its prefix
+    int64_t window_start_ms = 0;
+    unsigned written = 0;
+    unsigned suppressed = 0;
+};
+
+std::mutex kinds_mutex;
+std::array<log_kind_t, KINDS> kinds;
+
+int64_t now_ms() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1'000'000;
+}
+
+void write_line(const char* line, size_t len) {
+    ssize_t ignored = write(STDERR_FILENO, line, len);
+    (void)ignored;
+}
+
+// FNV-1a of the line without its digits: ids, counts and errno values do
+// not make a line a new kind.
+uint64_t kind_key(const char* line, size_t len) {
+    uint64_t hash = 14695981039346656037ull;
+    for (size_t i = 0; i < len; ++i) {
+        if (line[i] < '0' || line[i] > '9') {
+            hash = (hash ^ static_cast<unsigned char>(line[i])) * 1099511628211ull;
+        }
+    }
+    return hash | 1;
+}
+
+// Decides whether `line` is written now, and collects the reports of kinds
+// whose window has ended with lines left out.
+bool admit(const char* line, size_t len, std::string& reports) {
+    uint64_t key = kind_key(line, len);
+    std::lock_guard lock(kinds_mutex);
+    int64_t now = now_ms();
+    log_kind_t* mine = nullptr;
+    log_kind_t* oldest = &kinds[0];
+    for (log_kind_t& kind : kinds) {
+        if (kind.key && now - kind.window_start_ms >= 1000) {
+            if (kind.suppressed > 0) {
+                // The example starts with its priority marker, which the
+                // report keeps.
+                char report[256];
+                int n = snprintf(report, sizeof(report), "%.3sSuppressed %u lines like: %s\n",
+                                 kind.example, kind.suppressed, kind.example + 3);
+                reports.append(report,
+                               std::min(static_cast<size_t>(std::max(n, 0)), sizeof(report) - 1));
+            }
+            kind.window_start_ms = now;
+            kind.written = 0;
+            kind.suppressed = 0;
+        }
+        if (kind.key == key) {
+            mine = &kind;
+        }
+        if (kind.window_start_ms < oldest->window_start_ms) {
+            oldest = &kind;
+        }
+    }
+    if (!mine) {
+        mine = oldest;
+        *mine = {key, {}, now, 0, 0};
+        memcpy(mine->example, line, std::min(len, sizeof(mine->example) - 1));
+    }
+    if (mine->written < LINES_PER_KIND_PER_SECOND) {
+        ++mine->written;
+        return true;
+    }
+    ++mine->suppressed;
+    return false;
+}
 
 // The line is formatted into one buffer and written with a single write so
 // that lines from different threads never interleave.
@@ -20,9 +108,15 @@ void log_line(const char* prefix, const char* format, va_list args) {
     if (n > 0) {
         len += std::min(static_cast<size_t>(n), sizeof(line) - prefix_len - 2);
     }
-    line[len++] = '\n';
-    ssize_t ignored = write(STDERR_FILENO, line, len);
-    (void)ignored;
+    std::string reports;
+    bool admitted = admit(line, len, reports);
+    if (!reports.empty()) {
+        write_line(reports.data(), reports.size());
+    }
+    if (admitted) {
+        line[len++] = '\n';
+        write_line(line, len);
+    }
 }
 
 }  // namespace

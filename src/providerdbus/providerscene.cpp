@@ -8,6 +8,7 @@ namespace {
 
 constexpr const char* WELL_KNOWN_NAME = "com.tessel.RadarSceneProvider1";
 constexpr const char* WELL_KNOWN_PATH = "/com/tessel/RadarSceneProvider1";
+constexpr const char* WELL_KNOWN_INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
 
 // sdbus-c++ turns only sdbus::Error into an error reply; anything else would
 // unwind through sd-bus's C frames, so it is translated here.
@@ -39,16 +40,6 @@ subscription_options_t options_from_features(const std::map<std::string, bool>& 
 
 }  // namespace
 
-ClassificationClient::ClassificationClient(std::string destination, std::string objectPath)
-    : ProxyInterfaces(sdbus_compat::ServiceName(std::move(destination)),
-                      sdbus_compat::ObjectPath(std::move(objectPath))) {
-    registerProxy();
-}
-
-ClassificationClient::~ClassificationClient() {
-    unregisterProxy();
-}
-
 ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string serviceName,
                              std::string objectPath, channel_handler_t* handler,
                              bool requestNameNow)
@@ -56,9 +47,10 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
       AdaptorInterfaces(connection, sdbus_compat::ObjectPath(std::move(objectPath))),
       connection_(connection),
       serviceName_(std::move(serviceName)),
-      classificationClient_(
-          std::make_unique<ClassificationClient>(WELL_KNOWN_NAME, WELL_KNOWN_PATH)),
-      classificationClientName_(classificationClient_->getProxy().getConnection().getUniqueName()) {
+      classificationClient_(sdbus::createProxy(connection,
+                                               sdbus_compat::ServiceName(WELL_KNOWN_NAME),
+                                               sdbus_compat::ObjectPath(WELL_KNOWN_PATH))),
+      uniqueName_(connection.getUniqueName()) {
     registerAdaptor();
     if (requestNameNow) {
         requestName();
@@ -74,7 +66,6 @@ ProviderScene::~ProviderScene() {
         // The name may never have been granted; nothing is left to release.
     }
     unregisterAdaptor();
-    classificationClient_.reset();
 }
 
 void ProviderScene::requestName() {
@@ -116,6 +107,7 @@ std::tuple<sdbus::UnixFd, int32_t> ProviderScene::SubscribeSocket(
             throw sdbus_compat::error("org.freedesktop.DBus.Error.Failed",
                                       "Error subscribing channel");
         }
+        rememberSessionOwner(session_id);
         // Our own copy closes here; the reply's copy closes once it is sent.
         return std::tuple<sdbus::UnixFd, int32_t>(std::move(*handle), session_id);
     });
@@ -127,10 +119,12 @@ void ProviderScene::UnsubscribeSocket(const int32_t& session) {
         if (session < 0) {
             return;
         }
+        checkSessionOwner(session);
         if (channel_handler_remove_session(*handler_, session) < 0) {
             throw sdbus_compat::error("com.tessel.RadarSceneProvider1.Error.SessionNotFound",
                                       "Session does not exist");
         }
+        sessionOwners_.erase(session);
     });
 }
 
@@ -149,21 +143,54 @@ std::vector<int32_t> ProviderScene::GetSupportedChannels() {
     });
 }
 
-std::map<int32_t, std::string> ProviderScene::GetObjectClassifications(const int32_t& channel) {
-    return guarded([&] {
+void ProviderScene::GetObjectClassifications(sdbus::Result<std::map<int32_t, std::string>>&& result,
+                                             int32_t channel) {
+    guarded([&] {
         std::lock_guard lock(mutex_);
         checkCaller();
-        if (!classifications.empty()) {
-            return classifications;
-        }
         // Our own forwarded question, answered by whoever owns the well-known
         // name: when that is this provider, forwarding it again would chain
         // calls for ever, so it has no classes to offer.
-        if (currentSender() == classificationClientName_) {
-            return classifications;
+        if (!classifications.empty() || currentSender() == uniqueName_) {
+            result.returnResults(classifications);
+            return;
         }
-        return classificationClient_->GetObjectClassifications(channel);
+        // The answer comes back through the event loop, which serves other
+        // callers meanwhile; only this caller waits for it.
+        auto pending =
+            std::make_shared<sdbus::Result<std::map<int32_t, std::string>>>(std::move(result));
+        (void)classificationClient_->callMethodAsync("GetObjectClassifications")
+            .onInterface(WELL_KNOWN_INTERFACE)
+            .withArguments(channel)
+            .uponReplyInvoke([pending](sdbus_compat::async_error error,
+                                       const std::map<int32_t, std::string>& classes) {
+                if (error) {
+                    pending->returnError(*error);
+                } else {
+                    pending->returnResults(classes);
+                }
+            });
     });
+}
+
+void ProviderScene::checkSessionOwner(int32_t session) {
+    auto owner = sessionOwners_.find(session);
+    if (owner == sessionOwners_.end() || owner->second == currentSender() ||
+        sdbus_compat::current_message(getObject()).getCredsEuid() == 0) {
+        return;
+    }
+    throw sdbus_compat::error(
+        "org.freedesktop.DBus.Error.AccessDenied",
+        "Session " + std::to_string(session) + " belongs to another subscriber");
+}
+
+void ProviderScene::rememberSessionOwner(int32_t session) {
+    // Sessions that broke and were removed by the handler leave stale
+    // entries; they go here, so the map stays as small as the session table.
+    std::erase_if(sessionOwners_, [this](const auto& entry) {
+        return !channel_handler_has_session(*handler_, entry.first);
+    });
+    sessionOwners_[session] = currentSender();
 }
 
 }  // namespace API::SdBusCpp

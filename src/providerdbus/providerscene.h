@@ -2,23 +2,13 @@
 
 #include "providerdbus/dbus.h"
 #include "providerdbus/scene_adaptor.h"
-#include "providerdbus/scene_proxy.h"
 #include "providerdbus/sdbuscompat.h"
 
+#include <map>
 #include <memory>
 #include <string>
 
 namespace API::SdBusCpp {
-
-// Asks a running provider for its object classes; it has a system-bus
-// connection and event-loop thread of its own.
-class ClassificationClient
-    : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Scene_proxy> {
-public:
-    ClassificationClient(std::string destination, std::string objectPath);
-    ~ClassificationClient();
-    using ProxyInterfaces::getProxy;
-};
 
 // The provider object on the producer's connection. Every method runs on
 // the producer's event-loop thread and checks the caller first.
@@ -40,15 +30,24 @@ private:
     void UnsubscribeSocket(const int32_t& session) override;
     int32_t GetNumberOfChannels() override;
     std::vector<int32_t> GetSupportedChannels() override;
-    std::map<int32_t, std::string> GetObjectClassifications(const int32_t& channel) override;
+    void GetObjectClassifications(sdbus::Result<std::map<int32_t, std::string>>&& result,
+                                  int32_t channel) override;
 
     void checkCaller();
     std::string currentSender();
+    // Refuses a caller that neither owns the session nor runs as root.
+    void checkSessionOwner(int32_t session);
+    void rememberSessionOwner(int32_t session);
 
     sdbus::IConnection& connection_;
     std::string serviceName_;
-    std::unique_ptr<ClassificationClient> classificationClient_;
-    std::string classificationClientName_;  // unique bus name of its connection
+    // Forwards the classification question to the well-known provider, on
+    // the producer's own connection so that the reply comes back through
+    // its event loop.
+    std::unique_ptr<sdbus::IProxy> classificationClient_;
+    std::string uniqueName_;  // of the producer's connection
+    // The unique bus name that subscribed each live session; event loop only.
+    std::map<int32_t, std::string> sessionOwners_;
     bool nameRequested_ = false;
 };
 

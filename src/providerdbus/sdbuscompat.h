@@ -26,14 +26,8 @@ inline sdbus::Message current_message(const sdbus::IObject& object) {
     return object.getCurrentlyProcessedMessage();
 }
 
-// A copy of `fd` for a reply, or nothing when it cannot be duplicated.
-inline std::optional<sdbus::UnixFd> duplicate_fd(int fd) {
-    try {
-        return sdbus::UnixFd(fd);
-    } catch (const sdbus::Error&) {
-        return std::nullopt;
-    }
-}
+// The error argument of an asynchronous call's reply handler.
+using async_error = std::optional<sdbus::Error>;
 
 // Processes one pending request, signal or wake-up; false when none was.
 inline bool process_one(sdbus::IConnection& connection) {
@@ -64,14 +58,7 @@ inline const sdbus::Message& current_message(const sdbus::IObject& object) {
     return *object.getCurrentlyProcessedMessage();
 }
 
-// UnixFd(int) of 1.x dups without checking, so the copy is made here.
-inline std::optional<sdbus::UnixFd> duplicate_fd(int fd) {
-    int copy = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-    if (copy < 0) {
-        return std::nullopt;
-    }
-    return sdbus::UnixFd(copy, sdbus::adopt_fd);
-}
+using async_error = const sdbus::Error*;
 
 inline bool process_one(sdbus::IConnection& connection) {
     return connection.processPendingRequest();
@@ -87,6 +74,17 @@ inline int wakeup_fd(const sdbus::IConnection::PollData&) {
 }
 
 #endif
+
+// A close-on-exec copy of `fd` for a reply, or nothing when it cannot be
+// made (descriptors exhausted). UnixFd(int) itself does not check in 1.x,
+// throws std::system_error in 2.x, and sets no close-on-exec in either.
+inline std::optional<sdbus::UnixFd> duplicate_fd(int fd) {
+    int copy = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0) {
+        return std::nullopt;
+    }
+    return sdbus::UnixFd(copy, sdbus::adopt_fd);
+}
 
 // Message getters return std::string in 1.x and possibly null C strings in 2.x.
 inline std::string text(const char* s) {

@@ -33,3 +33,10 @@ void scene_pipeline_push(scene_pipeline_t& pipeline, const RadarScene::Frame& fr
         scene_sink_push(*pipeline.scene_sink, frame, raw_mask);
     }
 }
+
+void scene_pipeline_try_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,
+                             unsigned long raw_mask) {
+    if (pipeline.scene_sink) {
+        scene_sink_try_push(*pipeline.scene_sink, frame, raw_mask);
+    }
+}

@@ -23,3 +23,5 @@ void scene_pipeline_start(scene_pipeline_t& pipeline);
 void scene_pipeline_stop(scene_pipeline_t& pipeline);
 void scene_pipeline_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,
                          unsigned long raw_mask);
+void scene_pipeline_try_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,
+                             unsigned long raw_mask);

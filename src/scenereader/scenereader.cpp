@@ -51,6 +51,13 @@ int RadarScene::readSceneRecord(int fd, std::string& payload, size_t max_payload
     if (size > max_payload) {
         return -EMSGSIZE;
     }
+    if (size > payload.capacity()) {
+        // Growing the caller's string would round its capacity up to twice
+        // the old one, past the limit: start from a buffer of exactly this
+        // size instead.
+        std::string().swap(payload);
+        payload.reserve(size);
+    }
     payload.resize(size);
     n = read_fully(fd, payload.data(), size);
     if (n < 0) {

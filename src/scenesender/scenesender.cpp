@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <vector>
 
 namespace {
 
@@ -41,14 +42,15 @@ unsigned options_key(const session_t& session) {
            static_cast<unsigned>(session_get_option5(session)) << 4;
 }
 
-// One record on the stream: the big-endian length, which counts itself,
-// then the payload, handed to the kernel in one gathered write.
-int write_record(int fd, const std::string& payload) {
-    uint32_t header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
-    iovec buffers[2] = {{&header, sizeof(header)},
-                        {const_cast<char*>(payload.data()), payload.size()}};
-    return writev_all(fd, buffers, 2, nullptr, RECORD_TIMEOUT_MS);
-}
+// One session's part of a send: its record, header and payload handed to
+// the kernel in one gathered write, with the big-endian length that counts
+// itself.
+struct send_target_t {
+    session_t* session;
+    unsigned key;
+    uint32_t header;
+    iovec buffers[2];
+};
 
 const char* comm_or_unknown(const session_t& session) {
     const char* comm = session_get_comm(session);
@@ -88,7 +90,14 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id) {
     std::lock_guard lock(sender.mutex);
     for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
         if (session_get_id(**it) == id) {
-            sender.session_list.erase(it);
+            if (sender.sending) {
+                // The subscriber sees its stream end now; the descriptor
+                // itself closes when the send that may write to it ends.
+                shutdown(session_get_fd(**it), SHUT_RDWR);
+                sender.retired.splice(sender.retired.end(), sender.session_list, it);
+            } else {
+                sender.session_list.erase(it);
+            }
             return true;
         }
     }
@@ -101,15 +110,30 @@ int scene_sender_get_num_sessions(const scene_sender_t& sender) {
     return static_cast<int>(sender.session_list.size());
 }
 
+bool scene_sender_has_session(const scene_sender_t& sender, int id) {
+    std::lock_guard lock(sender.mutex);
+    for (const auto& session : sender.session_list) {
+        if (session_get_id(*session) == id) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
                        unsigned long raw_mask) {
-    bool any_broke = false;
+    std::vector<send_target_t> targets;
+    std::vector<fd_write_t> writes;
+    // Sessions with the same options get the same bytes: each distinct
+    // option set is serialized once per send.
+    std::array<std::string, 32> payloads;
+    std::array<RadarScene::SerializeFrameOptions, 32> options;
+    uint32_t serialized = 0;
     {
         std::lock_guard lock(sender.mutex);
-        // Sessions with the same options get the same bytes: each distinct
-        // option set is serialized once per send.
-        std::array<std::string, 32> payloads;
-        uint32_t serialized = 0;
+        if (sender.session_list.empty()) {
+            return;
+        }
         for (auto& session_ptr : sender.session_list) {
             RS_ASSERT(session_ptr);
             session_t& session = *session_ptr;
@@ -119,17 +143,45 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
             }
             unsigned key = options_key(session);
             if (!(serialized & (1u << key))) {
-                RadarScene::serializeFrame(payloads[key], frame,
-                                           session_options(session, raw_mask));
+                options[key] = session_options(session, raw_mask);
                 serialized |= 1u << key;
             }
-            int r = write_record(session_get_fd(session), payloads[key]);
-            if (r < 0) {
-                session.error = -r;
-                session_set_state(session, SESSION_STATE_BROKEN);
+            targets.push_back({&session, key, 0, {}});
+            fd_write_t w;
+            w.fd = session_get_fd(session);
+            writes.push_back(w);
+        }
+        sender.sending = true;
+    }
+    for (unsigned key = 0; key < payloads.size(); ++key) {
+        if (serialized & (1u << key)) {
+            RadarScene::serializeFrame(payloads[key], frame, options[key]);
+        }
+    }
+    for (size_t i = 0; i < targets.size(); ++i) {
+        send_target_t& t = targets[i];
+        const std::string& payload = payloads[t.key];
+        t.header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
+        t.buffers[0] = {&t.header, sizeof(t.header)};
+        t.buffers[1] = {const_cast<char*>(payload.data()), payload.size()};
+        writes[i].iov = t.buffers;
+        writes[i].count = 2;
+    }
+    writev_each(writes.data(), writes.size(), RECORD_TIMEOUT_MS);
+
+    bool any_broke = false;
+    std::list<std::unique_ptr<session_t>> retired;
+    {
+        std::lock_guard lock(sender.mutex);
+        for (size_t i = 0; i < targets.size(); ++i) {
+            if (writes[i].result < 0) {
+                targets[i].session->error = -writes[i].result;
+                session_set_state(*targets[i].session, SESSION_STATE_BROKEN);
                 any_broke = true;
             }
         }
+        sender.sending = false;
+        retired.swap(sender.retired);
     }
     if (any_broke) {
         cleanup_broken_sessions(sender);

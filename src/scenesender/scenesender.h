@@ -13,10 +13,18 @@
 // The sessions of one channel and the writing of scenes to them. `mutex`
 // guards the list and every session in it; it is the innermost of the
 // distribution locks (after the handler's sessions mutex and the channel's).
+//
+// A send holds the mutex only to take its list of targets and to record the
+// outcome, never while it writes, so subscribing and removing never wait for
+// a slow subscriber. A session removed during a send is shut down at once
+// and parked in `retired` until the send ends, so that its descriptor number
+// cannot be reused while the send may still write to it.
 struct scene_sender_t {
     std::list<std::unique_ptr<session_t>> session_list;
     mutable std::mutex mutex;
     std::function<void(int)> session_error_callback;
+    bool sending = false;
+    std::list<std::unique_ptr<session_t>> retired;
 };
 
 void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback);
@@ -31,10 +39,14 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
 bool scene_sender_remove_session(scene_sender_t& sender, int id);
 
 int scene_sender_get_num_sessions(const scene_sender_t& sender);
+bool scene_sender_has_session(const scene_sender_t& sender, int id);
 
 // Writes `frame` to every healthy session, serialized with that session's
-// options and `raw_mask` as the class filter. Sessions whose write fails are
-// marked broken, reported once and passed to the error callback.
+// options and `raw_mask` as the class filter. All sessions are written at
+// once, and a record not fully written within one second fails, so a send
+// takes at most about a second however many subscribers stall. Sessions
+// whose write fails are marked broken, reported once and passed to the error
+// callback.
 void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
                        unsigned long raw_mask);
 

@@ -17,6 +17,18 @@ void post(sem_t& semaphore) {
     RS_ASSERT(sem_post(&semaphore) == 0);
 }
 
+// Puts a copy of the frame into the pending slot; the caller holds
+// frame_mutex. Copying into a frame that already has storage (the one still
+// pending, or the one the worker handed back) reuses its vectors.
+void set_pending(scene_sink_t& sink, const RadarScene::Frame& frame, unsigned long raw_mask) {
+    if (!sink.pending_frame) {
+        sink.pending_frame =
+            sink.spare_frame ? std::move(sink.spare_frame) : std::make_unique<RadarScene::Frame>();
+    }
+    *sink.pending_frame = frame;
+    sink.pending_raw_mask = raw_mask;
+}
+
 }  // namespace
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender) {
@@ -67,16 +79,28 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
     wait(sink.slot_free);
     {
         std::lock_guard lock(sink.frame_mutex);
-        // Copying into a frame that already has storage (the one still
-        // pending, or the one the worker handed back) reuses its vectors.
-        if (!sink.pending_frame) {
-            sink.pending_frame = sink.spare_frame ? std::move(sink.spare_frame)
-                                                  : std::make_unique<RadarScene::Frame>();
-        }
-        *sink.pending_frame = frame;
-        sink.pending_raw_mask = raw_mask;
+        set_pending(sink, frame, raw_mask);
     }
     post(sink.frame_ready);
+}
+
+void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
+                         unsigned long raw_mask) {
+    if (!sink.run_thread) {
+        return;
+    }
+    bool got_slot;
+    {
+        // Without a free slot the other tokens are with the worker or in
+        // frame_ready, so at least one more round takes the pending frame
+        // after this: taking needs frame_mutex, held here from the check on.
+        std::lock_guard lock(sink.frame_mutex);
+        got_slot = sem_trywait(&sink.slot_free) == 0;
+        set_pending(sink, frame, raw_mask);
+    }
+    if (got_slot) {
+        post(sink.frame_ready);
+    }
 }
 
 void sink_thread_main(scene_sink_t& sink) {

@@ -43,4 +43,9 @@ void scene_sink_stop(scene_sink_t& sink);
 // Producer side: copies the frame into the pending slot and wakes the worker.
 // Drops the frame when the sink is not running.
 void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigned long raw_mask);
+// As scene_sink_push, but never waits: when the producer is already as far
+// ahead as push allows, the frame just replaces the pending one, which the
+// worker is then bound to take (its wake-ups are still owed).
+void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
+                         unsigned long raw_mask);
 void sink_thread_main(scene_sink_t& sink);

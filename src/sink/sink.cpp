@@ -100,6 +100,12 @@ void Sink::push(int channel, const Frame& frame) {
             [this] { return impl_->provider.objectClassifications(); });
 }
 
+void Sink::tryPush(int channel, const Frame& frame) {
+    channel_handler_try_push(*impl_->handler, channel, frame, raw_mask);
+    publish(impl_->publisher, channel, frame, raw_mask,
+            [this] { return impl_->provider.objectClassifications(); });
+}
+
 void Sink::push(int channel, std::string_view data) {
     push(channel, deserializeFrame(data));
 }
