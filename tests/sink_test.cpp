@@ -152,11 +152,17 @@ TEST_F(SinkEndToEnd, SubscribersThatVanishTogetherAreRemovedByTheTimer) {
                            [] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }));
 }
 
-TEST_F(SinkEndToEnd, NewSinkReplacesTheGeolocationClient) {
-    const GeoLocation* first = &*GeoLocationReader();
+TEST_F(SinkEndToEnd, EachSinkInstallsAGeolocationClientAndTakesItAlong) {
+    const GeoLocation* first = GeoLocationReader().get();
     loop.stop();
-    auto connection = sdbus::createSystemBusConnection();
-    RadarScene::Sink second(*connection, loop.event(),
-                            RadarScene::SinkConfig{"radar-2", "com.tessel.Other", "/other", false});
-    EXPECT_NE(&*GeoLocationReader(), first);
+    const GeoLocation* second_client = nullptr;
+    {
+        auto connection = sdbus::createSystemBusConnection();
+        RadarScene::Sink second(
+            *connection, loop.event(),
+            RadarScene::SinkConfig{"radar-2", "com.tessel.Other", "/other", false});
+        second_client = GeoLocationReader().get();
+        EXPECT_NE(second_client, first);
+    }
+    EXPECT_NE(GeoLocationReader().get(), second_client);
 }

@@ -24,6 +24,10 @@ struct sd_bus_message_unref_deleter {
 struct sd_event_source_disabler {
     void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
 };
+struct sd_event_unref_deleter {
+    void operator()(sd_event* event) const { sd_event_unref(event); }
+};
+using sd_event_ptr = std::unique_ptr<sd_event, sd_event_unref_deleter>;
 using sd_bus_ptr = std::unique_ptr<sd_bus, sd_bus_closer>;
 using sd_bus_message_ptr = std::unique_ptr<sd_bus_message, sd_bus_message_unref_deleter>;
 using sd_event_source_ptr = std::unique_ptr<sd_event_source, sd_event_source_disabler>;

@@ -2,10 +2,15 @@
 
 #include "common/log.h"
 #include "common/syscall.h"
+#include "common/unique_fd.h"
 #include "geolocation/geoprojection.h"
 
 #include <cerrno>
 #include <cstring>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -191,29 +196,66 @@ int GeoLocation::onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*
 
 namespace {
 
-// Guards `current_client`: readers share it while they project, and a
-// replacement waits for them before it destroys the previous client.
+// Guards `current_client` and `own_client`: readers share it while they
+// project, and a replacement waits for them before it destroys a client.
 std::shared_mutex current_mutex;
 std::unique_ptr<GeoLocation> current_client;
+const GeoLocation* own_client = nullptr;
 
 // The client of a process that never installed one (a consumer without a
-// Sink): it follows the service from an event loop thread of its own and
-// lives as long as the process.
-const GeoLocation& own_client() {
-    static const GeoLocation* client = [] {
-        sd_event* event = nullptr;
-        int r = sd_event_new(&event);
+// Sink). It is built on a thread of its own, so that its bus connection and
+// first GetAll never run inside a caller's locks; projections made before
+// it is ready carry no device position. The thread follows the service from
+// its own event loop until the process exits.
+class OwnClientThread {
+public:
+    ~OwnClientThread() {
+        if (thread_.joinable()) {
+            uint64_t one = 1;
+            ssize_t ignored = write(stop_fd_.get(), &one, sizeof(one));
+            (void)ignored;
+            thread_.join();
+        }
+    }
+
+    // Starts the thread on the first call; the caller may hold current_mutex.
+    void start() {
+        std::call_once(started_, [this] {
+            stop_fd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+            thread_ = std::thread([this] { run(); });
+        });
+    }
+
+private:
+    void run() {
+        sd_event* raw_event = nullptr;
+        int r = sd_event_new(&raw_event);
         if (r < 0) {
             log_error("GeoLocation: sd_event_new: %s", strerror(-r));
+            return;
         }
-        auto* created = new GeoLocation(event);
-        if (event) {
-            std::thread([event] { sd_event_loop(event); }).detach();
+        sd_event_ptr event(raw_event);
+        sd_event_add_io(raw_event, nullptr, stop_fd_.get(), EPOLLIN, &OwnClientThread::on_stop, nullptr);
+        auto client = std::make_unique<GeoLocation>(raw_event);
+        {
+            std::unique_lock lock(current_mutex);
+            own_client = client.get();
         }
-        return created;
-    }();
-    return *client;
-}
+        sd_event_loop(raw_event);
+        std::unique_lock lock(current_mutex);
+        own_client = nullptr;
+    }
+
+    static int on_stop(sd_event_source* source, int, uint32_t, void*) {
+        return sd_event_exit(sd_event_source_get_event(source), 0);
+    }
+
+    unique_fd stop_fd_;
+    std::once_flag started_;
+    std::thread thread_;
+};
+
+OwnClientThread own_client_thread;
 
 }  // namespace
 
@@ -225,9 +267,19 @@ void geolocation_set_current(std::unique_ptr<GeoLocation> client) {
     }
 }
 
+void geolocation_remove_current(const GeoLocation* client) {
+    std::unique_ptr<GeoLocation> removed;
+    {
+        std::unique_lock lock(current_mutex);
+        if (current_client.get() == client) {
+            removed = std::move(current_client);
+        }
+    }
+}
+
 GeoLocationReader::GeoLocationReader() : lock_(current_mutex), client_(current_client.get()) {
     if (!client_) {
-        lock_.unlock();
-        client_ = &own_client();
+        client_ = own_client;
+        own_client_thread.start();
     }
 }

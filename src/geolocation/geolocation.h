@@ -53,13 +53,18 @@ private:
 // is destroyed once no reader holds it.
 void geolocation_set_current(std::unique_ptr<GeoLocation> client);
 
+// Destroys the process-wide client if it is still `client`: a Sink takes
+// its client off its event loop when it goes.
+void geolocation_remove_current(const GeoLocation* client);
+
 // A reader's hold on the process-wide client: the client it names stays
 // alive while the reader lives. A process that never installed a client
-// gets one of its own on first use.
+// gets one of its own, built in the background from the first use on;
+// until it is ready there is none (null).
 class GeoLocationReader {
 public:
     GeoLocationReader();
-    const GeoLocation& operator*() const { return *client_; }
+    const GeoLocation* get() const { return client_; }
 
 private:
     std::shared_lock<std::shared_mutex> lock_;

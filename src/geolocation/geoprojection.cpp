@@ -57,9 +57,14 @@ geo_projection geo_project(const GeoLocation& device, double distance, double be
 
 namespace {
 
+// Without a client (a process's own one not ready yet) an object has no
+// position, as with an invalid device position.
 geo_projection project_object(const RadarScene::FrameObject& object) {
     GeoLocationReader device;
-    return geo_project(*device, object.position.x, object.position.y);
+    if (!device.get()) {
+        return {0, 0, 0, false};
+    }
+    return geo_project(*device.get(), object.position.x, object.position.y);
 }
 
 }  // namespace

@@ -59,6 +59,7 @@ struct Sink::Impl {
     API::SdBusCpp::ProviderScene provider;
     varro_publisher_t publisher;
     sd_event_source_ptr timer;
+    const GeoLocation* geolocation = nullptr;  // installed for the process; not owned
 };
 
 namespace {
@@ -73,10 +74,16 @@ void add_topic(Sink::Impl& impl, const std::string& name, SceneProvider::VarroTo
 
 Sink::Sink(sdbus::IConnection& connection, sd_event* event, SinkConfig config)
     : impl_(std::make_unique<Impl>(connection, event, config)) {
-    geolocation_set_current(std::make_unique<GeoLocation>(event));
+    auto client = std::make_unique<GeoLocation>(event);
+    impl_->geolocation = client.get();
+    geolocation_set_current(std::move(client));
 }
 
-Sink::~Sink() = default;
+// The client installed by this Sink, unless another Sink replaced it since,
+// goes with it: it is attached to this Sink's event loop.
+Sink::~Sink() {
+    geolocation_remove_current(impl_->geolocation);
+}
 
 void Sink::requestName() {
     impl_->provider.requestName();
