@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <thread>
 
 namespace {
@@ -150,6 +152,68 @@ TEST_F(SinkEndToEnd, SubscribersThatVanishTogetherAreRemovedByTheTimer) {
     };
     EXPECT_TRUE(wait_until(subscribed, std::chrono::seconds(5),
                            [] { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }));
+}
+
+TEST_F(SinkEndToEnd, StalledSubscribersNeverHoldTheLoop) {
+    // Sessions that never read, and scenes too big for their socket buffers:
+    // every send has stalled sessions to wait for, and the producer is
+    // always blocked in push behind one.
+    std::vector<sdbus::UnixFd> unread;
+    for (int i = 0; i < 4; ++i) {
+        unread.push_back(subscribe({}).first);
+    }
+    sdbus::UnixFd good = subscribe({}).first;
+    RadarScene::Frame big = sample_frame(0);
+    big.objects[0].set_covariance(std::vector<double>(250'000, 0.5));
+    std::atomic<bool> producing{true};
+    std::thread producer([&] {
+        for (uint64_t time = 1; producing; ++time) {
+            big.time = time;
+            sink->push(0, big);
+        }
+    });
+    std::atomic<int> received{0};
+    std::thread reader([&] {
+        std::string payload;
+        while (read_record(good.get(), payload)) {
+            ++received;
+        }
+    });
+
+    // The loop answers every call at once, subscriptions (granted or
+    // refused) included, while new unread sessions keep stalling.
+    auto answered = [&](const char* member, const char* interface, auto&&... results) {
+        try {
+            auto timeout = std::chrono::milliseconds(500);
+            if constexpr (sizeof...(results) > 0) {
+                subscriber->callMethod(member)
+                    .onInterface(interface)
+                    .withTimeout(timeout)
+                    .withArguments(int32_t{3}, int32_t{0}, std::map<std::string, bool>{})
+                    .storeResultsTo(results...);
+            } else {
+                // The call is made, and its reply awaited, as the invoker goes.
+                subscriber->callMethod(member).onInterface(interface).withTimeout(timeout);
+            }
+        } catch (const sdbus::Error& e) {
+            return e.getName() != "org.freedesktop.DBus.Error.NoReply" &&
+                   e.getName() != "org.freedesktop.DBus.Error.Timeout";
+        }
+        return true;
+    };
+    const char* scene = "com.tessel.RadarSceneProvider1.Scene";
+    for (int round = 0; round < 30; ++round) {
+        EXPECT_TRUE(answered("Ping", "org.freedesktop.DBus.Peer"));
+        EXPECT_TRUE(answered("GetNumberOfChannels", scene));
+        int32_t session = -1;
+        EXPECT_TRUE(answered("SubscribeSocket", scene, unread.emplace_back(), session));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_GE(received, 3);
+    producing = false;
+    producer.join();
+    shutdown(good.get(), SHUT_RDWR);
+    reader.join();
 }
 
 TEST_F(SinkEndToEnd, EachSinkInstallsAGeolocationClientAndTakesItAlong) {
