@@ -3,7 +3,8 @@
 //      built on the heap and against SerializeToString of a built scene;
 //   2. fan-out through a Sink to subscribers that subscribed over D-Bus,
 //      against writing the same framed bytes to as many socket pairs;
-//   3. one of eight subscribers that stops reading.
+//   3. subscribers that stop reading: one of eight (push and tryPush), 31
+//      of 32, and a storm of subscription calls whose sessions stall.
 // Needs a bus for the provider: run it under dbus-run-session with
 // DBUS_SYSTEM_BUS_ADDRESS set to the session bus (see docs/BENCHMARKS.md).
 
@@ -168,21 +169,28 @@ uint64_t scene_time(const std::string& payload) {
     return time;
 }
 
-// A reader thread per stream: counts records and the delay from the scene's
-// time stamp (the push) to reception. `stop_after` stops reading early.
+// A reader thread per stream: counts records, the delay from the scene's
+// time stamp (the push) to reception, and the longest gap between two
+// records. `stop_after` stops reading early.
 struct reader {
     int fd;
     size_t stop_after = SIZE_MAX;
     std::vector<double> delays_us;
+    double max_gap_us = 0;
     size_t received = 0;
     std::thread thread;
 
     void start() {
         thread = std::thread([this] {
             std::string payload;
+            uint64_t last = 0;
             while (received < stop_after && RadarScene::readSceneRecord(fd, payload) == 1) {
                 uint64_t at = now_ns();
                 delays_us.push_back(static_cast<double>(at - scene_time(payload)) / 1e3);
+                if (last) {
+                    max_gap_us = std::max(max_gap_us, static_cast<double>(at - last) / 1e3);
+                }
+                last = at;
                 ++received;
             }
         });
@@ -191,6 +199,7 @@ struct reader {
 
 struct run_result {
     summary push_us, delay_us;
+    double max_gap_us = 0;  // of the readers that read to the end
     size_t delivered = 0, expected = 0;
     double cpu_per_frame_us = 0;
 };
@@ -228,6 +237,9 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         r.thread.join();
         delays.insert(delays.end(), r.delays_us.begin(), r.delays_us.end());
         result.delivered += r.received;
+        if (r.stop_after == SIZE_MAX) {
+            result.max_gap_us = std::max(result.max_gap_us, r.max_gap_us);
+        }
         result.expected += std::min<size_t>(static_cast<size_t>(frames), r.stop_after);
     }
     result.push_us = summarise(pushes);
@@ -291,19 +303,29 @@ int subscribe(sd_bus* bus) {
     return fd;
 }
 
-run_result library_run(int subscribers, int objects, int frames, double rate, int stalled = -1) {
+// The first `stalled` subscribers stop reading after their first scene;
+// `try_push` pushes with Sink::tryPush.
+run_result library_run(int subscribers, int objects, int frames, double rate, int stalled = 0,
+                       bool try_push = false) {
     producer p;
     sd_bus* bus = nullptr;
     sd_bus_open_system(&bus);
     std::vector<reader> readers(static_cast<size_t>(subscribers));
     for (int i = 0; i < subscribers; ++i) {
         readers[static_cast<size_t>(i)].fd = subscribe(bus);
-        if (i == stalled) {
+        if (i < stalled) {
             readers[static_cast<size_t>(i)].stop_after = 1;
         }
     }
     auto result = drive(
-        objects, frames, rate, readers, [&](const RadarScene::Frame& f) { p.sink->push(0, f); },
+        objects, frames, rate, readers,
+        [&](const RadarScene::Frame& f) {
+            if (try_push) {
+                p.sink->tryPush(0, f);
+            } else {
+                p.sink->push(0, f);
+            }
+        },
         [&] {
             for (auto& r : readers) {
                 shutdown(r.fd, SHUT_RDWR);
@@ -382,7 +404,89 @@ void fanout_section() {
 
 void slow_subscriber_section() {
     printf("\n== 8 subscribers at 100 Hz, 128 objects, one of them stops reading\n");
-    print_run("library", library_run(8, 128, 300, 100, 0));
+    print_run("push", library_run(8, 128, 300, 100, 1));
+    print_run("tryPush", library_run(8, 128, 300, 100, 1, true));
+    printf("\n== 32 subscribers at 100 Hz, 128 objects, 31 of them stop reading\n");
+    run_result stalled = library_run(32, 128, 300, 100, 31);
+    print_run("push", stalled);
+    printf("  the reader that reads on: longest gap %.0f us\n", stalled.max_gap_us);
+}
+
+// A call without arguments to the provider; its round trip in us.
+double round_trip_us(sd_bus* bus, const char* interface, const char* member) {
+    auto start = clock_type::now();
+    sd_bus_message* reply = nullptr;
+    sd_bus_call_method(bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1",
+                       interface, member, nullptr, &reply, "");
+    sd_bus_message_unref(reply);
+    return std::chrono::duration<double, std::micro>(clock_type::now() - start).count();
+}
+
+void storm_section() {
+    printf(
+        "\n== 200 clients calling SubscribeSocket in a loop, keeping what they get unread,"
+        " beside one reader at 100 Hz, 128 objects, for 10 s\n");
+    producer p;
+    sd_bus* bus = nullptr;
+    sd_bus_open_system(&bus);
+    std::vector<reader> good(1);
+    good[0].fd = subscribe(bus);
+    std::atomic<bool> storming{true};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 8; ++t) {
+        clients.emplace_back([&] {
+            std::vector<sd_bus*> buses(25);
+            for (sd_bus*& b : buses) {
+                sd_bus_open_system(&b);
+            }
+            std::vector<int> unread;
+            while (storming) {
+                for (sd_bus* b : buses) {
+                    if (int fd = subscribe(b); fd >= 0) {
+                        unread.push_back(fd);
+                    }
+                }
+            }
+            for (int fd : unread) {
+                close(fd);
+            }
+            for (sd_bus* b : buses) {
+                sd_bus_flush_close_unref(b);
+            }
+        });
+    }
+    std::vector<double> ping, introspect, channels;
+    std::thread caller([&] {
+        sd_bus* b = nullptr;
+        sd_bus_open_system(&b);
+        while (storming) {
+            ping.push_back(round_trip_us(b, "org.freedesktop.DBus.Peer", "Ping"));
+            introspect.push_back(
+                round_trip_us(b, "org.freedesktop.DBus.Introspectable", "Introspect"));
+            channels.push_back(
+                round_trip_us(b, "com.tessel.RadarSceneProvider1.Scene", "GetNumberOfChannels"));
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        sd_bus_flush_close_unref(b);
+    });
+    run_result result = drive(
+        128, 1000, 100, good, [&](const RadarScene::Frame& f) { p.sink->push(0, f); },
+        [&] { shutdown(good[0].fd, SHUT_RDWR); });
+    storming = false;
+    for (auto& client : clients) {
+        client.join();
+    }
+    caller.join();
+    close(good[0].fd);
+    sd_bus_flush_close_unref(bus);
+    print_run("push", result);
+    printf("  the reader: longest gap %.0f us\n", result.max_gap_us);
+    for (auto& [name, sample] : {std::pair{"Ping", &ping}, std::pair{"Introspect", &introspect},
+                                 std::pair{"GetNumberOfChannels", &channels}}) {
+        summary s = summarise(*sample);
+        printf("  %-20s us p50 %8.1f p99 %8.1f max %9.1f (%zu calls)\n", name, s.p50, s.p99, s.max,
+               sample->size());
+    }
 }
 
 }  // namespace
@@ -400,6 +504,7 @@ int main() {
     codec_section();
     fanout_section();
     slow_subscriber_section();
+    storm_section();
     dup2(saved, STDERR_FILENO);
     printf("\npeak RSS %ld KiB\n", peak_rss_kib());
     return 0;
