@@ -8,6 +8,7 @@ set -euo pipefail
 build=$1
 tools=$build/tools
 python=/usr/bin/python3
+man=$(dirname "${BASH_SOURCE[0]}")/../tools/man
 source "$(dirname "${BASH_SOURCE[0]}")/testlib.sh"
 
 sed "s|@DIR@|$work|" "$2" >"$work/bus.conf"
@@ -67,10 +68,87 @@ grep -q "skipped 1 undecodable records" "$work/replay.log" ||
 [[ -z $(scenes <"$work/skipped.json" | sort -u | comm -13 "$work/live.sorted" -) ]] ||
     fail "scenes around the corrupt record"
 
-# Failures are one line on standard error and a non-zero status.
-"$tools/radarscene-sub" --count 1 2>"$work/error.log" && fail "no provider must fail"
-[[ $(cat "$work/error.log") == "radarscene-sub: no radar scene provider on the system bus" ]] ||
-    fail "error line: $(cat "$work/error.log")"
+# Scene times of another clock give statistics without a delay, and
+# --count still ends with a statistics line.
+"$python" - "$work/other-clock" <<'EOF2'
+import struct, sys
+with open(sys.argv[1], "wb") as out:
+    for i in range(1, 11):
+        scene = bytes([0x08, i])  # time: i ns after that clock's start
+        out.write(struct.pack(">I", len(scene) + 4) + scene)
+EOF2
+"$tools/radarscene-replay" --loop --rate 50 "$work/other-clock" 2>/dev/null &
+pids+=($!)
+"$tools/radarscene-sub" --wait 10 --stats --count 5 >"$work/other-clock.txt"
+grep -q "objects/scene  delay unknown  missing" "$work/other-clock.txt" ||
+    fail "statistics of another clock: $(cat "$work/other-clock.txt")"
+kill -TERM "${pids[-1]}"
+wait "${pids[-1]}"
+
+# Failures are one line on standard error and a non-zero status; options
+# are checked as getopt does, and every tool has -h and --version.
+expect_error() {
+    local expected=$1
+    shift
+    "$@" >/dev/null 2>"$work/error.log" && fail "$* must fail"
+    [[ $(cat "$work/error.log") == "$expected" ]] || fail "error line of $*: $(cat "$work/error.log")"
+}
+expect_error "radarscene-sub: no radar scene provider on the system bus" \
+    "$tools/radarscene-sub" --count 1
+expect_error "radarscene-sub: option '--count' needs a value (see --help)" \
+    "$tools/radarscene-sub" --count
+expect_error "radarscene-sub: --count needs a whole number from 1 to 1000000000000, not '1.5'" \
+    "$tools/radarscene-sub" --count 1.5
+for tool in radarscene-sub radarscene-replay radarscene-geosim radarscene-demo-producer; do
+    "$tools/$tool" -h | grep -q "^Usage: $tool" || fail "$tool -h"
+    [[ $("$tools/$tool" --version) == "$tool (radarscene) "* ]] || fail "$tool --version"
+    # The man page describes every option that --help lists.
+    for option in $("$tools/$tool" --help | grep -o -- '--[a-z-]*' | sort -u); do
+        grep -qF -- "\\-\\-${option#--}" "$man/$tool.1" || fail "$tool.1 lacks $option"
+    done
+done
+
+# A stop signal ends radarscene-sub at once, with status 0, while it still
+# waits for the provider, and it says when scenes will carry no positions.
+"$tools/radarscene-sub" --wait 20 --geo 2>"$work/geo.log" &
+waiting=$!
+sleep 0.3
+kill -INT "$waiting"
+wait "$waiting" || fail "radarscene-sub stopped while waiting must exit 0"
+grep -q "^radarscene-sub: no geolocation service com.tessel.GeoLocation1 on the system bus" \
+    "$work/geo.log" || fail "missing geolocation service not named: $(cat "$work/geo.log")"
+
+# The provider going away ends the stream with a failure, unless
+# --reconnect waits for it to come back.
+"$tools/radarscene-demo-producer" --rate 20 2>/dev/null &
+producer=$!
+"$tools/radarscene-sub" --wait 10 --count 1 >/dev/null
+"$tools/radarscene-sub" --stats >"$work/gone.txt" 2>/dev/null &
+gone=$!
+"$tools/radarscene-sub" --reconnect --count 40 >/dev/null 2>&1 &
+reconnecting=$!
+sleep 0.5
+kill -INT "$producer"
+wait "$producer"
+wait "$gone" && fail "a provider that went away must be a failure"
+grep -q "scenes/s" "$work/gone.txt" || fail "no final statistics line"
+"$tools/radarscene-demo-producer" --rate 20 2>/dev/null &
+pids+=($!)
+wait "$reconnecting" || fail "radarscene-sub --reconnect did not resume the stream"
+
+# A producer that cannot keep its rate skips frames instead of falling
+# behind the clock: the delay stays near one send time.
+kill -INT "${pids[-1]}"
+wait "${pids[-1]}"
+"$tools/radarscene-demo-producer" --rate 1000 --objects 2000 2>/dev/null &
+pids+=($!)
+"$tools/radarscene-sub" --wait 10 --stats --duration 3 >"$work/load.txt"
+p50=$(tail -n 1 "$work/load.txt" | sed -n 's/.*delay ms p50 \([0-9.]*\).*/\1/p')
+[[ -n $p50 ]] && (($(printf '%.0f' "$p50") < 1000)) || fail "delay under load: $(cat "$work/load.txt")"
+started=$(date +%s%N)
+kill -INT "${pids[-1]}"
+wait "${pids[-1]}"
+(($(date +%s%N) - started < 1000000000)) || fail "the producer took more than a second to stop"
 
 if ! PYTHONPATH=$build/python "$python" -c "import dbus, scene_pb2" 2>/dev/null; then
     echo "SKIPPED: the Python example needs python3-dbus and a python3-protobuf that reads classes of this protoc"

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 
 using namespace tessel_os_varro;
@@ -37,4 +39,34 @@ TEST(DevelopmentBroker, WriteFailuresFailTheItemOrTheTopicAtOnce) {
     }
     rmdir(dir);
     unsetenv("VARRO_DEV_DIR");
+}
+
+TEST(DevelopmentBroker, TopicFilesStayWithinTheirBoundAndKeepTheNewestItems) {
+    char dir[] = "/tmp/radarscene-varro-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    setenv("VARRO_DEV_DIR", dir, 1);
+    setenv("VARRO_DEV_MAX_BYTES", "1000", 1);
+    auto client = Client::Create("test", {4, 1, 0});
+    ASSERT_TRUE(client->Connect());
+    ASSERT_TRUE(client->CreateTopic(R"({"topic_name":"scene"})"));
+    auto writer = client->CreateTopicDataWriter("writer");
+    ASSERT_TRUE((*writer)->Initialize("scene"));
+    for (int i = 0; i < 300; ++i) {
+        std::string item = R"({"n":)" + std::to_string(i) + "}";
+        ASSERT_TRUE((*writer)->WriteData(*TopicData::FromJson(item), std::nullopt));
+    }
+    std::string folder = dir;
+    std::ifstream current(folder + "/scene.jsonl"), older(folder + "/scene.jsonl.1");
+    std::string text((std::istreambuf_iterator<char>(current)), {});
+    std::string old_text((std::istreambuf_iterator<char>(older)), {});
+    EXPECT_LE(text.size() + old_text.size(), 1000u);
+    EXPECT_TRUE(text.ends_with("{\"n\":299}\n"));
+    EXPECT_TRUE(old_text.starts_with("{\"n\":2")) << old_text.substr(0, 20);
+
+    for (const char* file : {"/scene.jsonl", "/scene.jsonl.1", "/scene.topic.json"}) {
+        unlink((folder + file).c_str());
+    }
+    rmdir(dir);
+    unsetenv("VARRO_DEV_DIR");
+    unsetenv("VARRO_DEV_MAX_BYTES");
 }

@@ -9,6 +9,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -19,9 +20,10 @@ constexpr const char* USAGE = R"(Usage: radarscene-demo-producer [OPTION]...
 Serves the radar scene provider on the system bus and pushes synthetic
 frames of objects circling the radar on channel 0.
 
-  --rate HZ        frames per second (default 10)
-  --objects N      objects per frame (default 3)
-  --help           show this text
+      --rate HZ        frames per second (default 10)
+      --objects N      objects per frame (default 3)
+  -h, --help           show this text and exit
+      --version        show the version and exit
 )";
 
 struct producer {
@@ -32,9 +34,9 @@ struct producer {
 };
 
 // Objects circling the radar at different ranges and speeds.
-RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number, int objects) {
+RadarScene::Frame synthetic_frame(uint64_t now_ns, uint64_t number, int objects) {
     RadarScene::Frame frame;
-    frame.time = now_usec * 1000;
+    frame.time = now_ns;
     frame.status = RadarScene::RadarStatus{true, false, {}};
     for (int i = 0; i < objects; ++i) {
         double angle = 0.02 * static_cast<double>(number) * (i + 1);
@@ -52,18 +54,20 @@ RadarScene::Frame synthetic_frame(uint64_t now_usec, uint64_t number, int object
     return frame;
 }
 
+// Each frame carries the time it is pushed at. A producer that cannot keep
+// its rate (big frames) skips the ticks it missed instead of pushing them
+// late, as a radar would: its frames never queue up behind the clock.
 int on_frame_timer(sd_event_source* source, uint64_t usec, void* userdata) {
     auto* p = static_cast<producer*>(userdata);
-    p->sink->push(0, synthetic_frame(usec, p->frame_number++, p->objects));
-    sd_event_source_set_time(source, usec + p->period_usec);
+    p->sink->push(0, synthetic_frame(tool_monotonic_ns(), p->frame_number++, p->objects));
+    sd_event_source_set_time(source, std::max(usec + p->period_usec, tool_monotonic_ns() / 1000));
     return 0;
 }
 
 producer parse_options(int argc, char** argv) {
-    enum { RATE = 1, OBJECTS, HELP };
+    enum { RATE = 1, OBJECTS };
     static const option long_options[] = {{"rate", required_argument, nullptr, RATE},
                                           {"objects", required_argument, nullptr, OBJECTS},
-                                          {"help", no_argument, nullptr, HELP},
                                           {nullptr, 0, nullptr, 0}};
     producer p{nullptr, 100'000, 3};
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
@@ -73,7 +77,7 @@ producer parse_options(int argc, char** argv) {
                     static_cast<uint64_t>(1e6 / tool_number(value, "--rate", 0.01, 10'000));
                 break;
             case OBJECTS:
-                p.objects = static_cast<int>(tool_number(value, "--objects", 0, 10'000));
+                p.objects = static_cast<int>(tool_integer(value, "--objects", 0, 10'000));
                 break;
         }
     });
@@ -108,6 +112,7 @@ int run(producer& p) {
                "sd_event_add_time");
     sd_event_source_set_enabled(frames, SD_EVENT_ON);
 
+    tool_note_missing_geolocation();
     fprintf(stderr, "radarscene-demo-producer: serving channel 0 as %s\n", PROVIDER_SERVICE);
     int r = sd_event_loop(event);
     sd_event_source_disable_unref(frames);

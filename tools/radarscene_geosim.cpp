@@ -18,12 +18,13 @@ constexpr const char* USAGE = R"(Usage: radarscene-geosim [OPTION]...
 Serves the geolocation service "com.tessel.GeoLocation1" on the system bus
 with a fixed or drifting device position.
 
-  --lat DEG        latitude (default 59.3293)
-  --lon DEG        longitude (default 18.0686)
-  --heading DEG    compass heading of the radar (default 0)
-  --invalid        report the position as not valid
-  --drift M        move the device M metres north every second
-  --help           show this text
+      --lat DEG        latitude (default 59.3293)
+      --lon DEG        longitude (default 18.0686)
+      --heading DEG    compass heading of the radar (default 0)
+      --invalid        report the position as not valid
+      --drift M        move the device M metres north every second
+  -h, --help           show this text and exit
+      --version        show the version and exit
 )";
 
 constexpr const char* SERVICE = "com.tessel.GeoLocation1";
@@ -69,13 +70,12 @@ int on_drift(sd_event_source* source, uint64_t usec, void* userdata) {
 }
 
 device_t parse_options(int argc, char** argv) {
-    enum { LAT = 1, LON, HEADING, INVALID, DRIFT, HELP };
+    enum { LAT = 1, LON, HEADING, INVALID, DRIFT };
     static const option long_options[] = {{"lat", required_argument, nullptr, LAT},
                                           {"lon", required_argument, nullptr, LON},
                                           {"heading", required_argument, nullptr, HEADING},
                                           {"invalid", no_argument, nullptr, INVALID},
                                           {"drift", required_argument, nullptr, DRIFT},
-                                          {"help", no_argument, nullptr, HELP},
                                           {nullptr, 0, nullptr, 0}};
     device_t device;
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {

@@ -28,11 +28,12 @@ constexpr const char* USAGE = R"(Usage: radarscene-replay [OPTION]... FILE
 Serves a radar scene provider on the system bus and pushes the scenes of
 FILE, a recording made with radarscene-sub --record, at the recorded rate.
 
-  --rate HZ        push at HZ scenes per second instead
-  --loop           start again at the end of the recording
-  --delay S        wait S seconds before the first scene (default 0)
-  --class ID=NAME  declare an object class (repeatable; default 1=Human, 2=Vehicle)
-  --help           show this text
+      --rate HZ        push at HZ scenes per second instead
+      --loop           start again at the end of the recording
+      --delay S        wait S seconds before the first scene (default 0)
+      --class ID=NAME  declare an object class (repeatable; default 1=Human, 2=Vehicle)
+  -h, --help           show this text and exit
+      --version        show the version and exit
 )";
 
 constexpr uint64_t LONGEST_PAUSE_NS = 5'000'000'000;
@@ -46,11 +47,12 @@ struct options_t {
 };
 
 options_t parse_options(int argc, char** argv) {
-    enum { RATE = 1, LOOP, DELAY, CLASS, HELP };
-    static const option long_options[] = {
-        {"rate", required_argument, nullptr, RATE},   {"loop", no_argument, nullptr, LOOP},
-        {"delay", required_argument, nullptr, DELAY}, {"class", required_argument, nullptr, CLASS},
-        {"help", no_argument, nullptr, HELP},         {nullptr, 0, nullptr, 0}};
+    enum { RATE = 1, LOOP, DELAY, CLASS };
+    static const option long_options[] = {{"rate", required_argument, nullptr, RATE},
+                                          {"loop", no_argument, nullptr, LOOP},
+                                          {"delay", required_argument, nullptr, DELAY},
+                                          {"class", required_argument, nullptr, CLASS},
+                                          {nullptr, 0, nullptr, 0}};
     options_t options;
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
@@ -69,7 +71,7 @@ options_t parse_options(int argc, char** argv) {
                     tool_fail("--class needs ID=NAME, not '%s'", value);
                 }
                 std::string id(value, static_cast<size_t>(equals - value));
-                options.classes[static_cast<int>(tool_number(id.c_str(), "--class", 0, INT_MAX))] =
+                options.classes[static_cast<int>(tool_integer(id.c_str(), "--class", 0, INT_MAX))] =
                     equals + 1;
                 break;
             }
@@ -181,6 +183,7 @@ int run(const options_t& options) {
         sink.addObjectClassification(id, name.c_str());
     }
     sink.requestName();
+    tool_note_missing_geolocation();
     RadarScene::ConnectionEventSource source(*connection, event);
 
     replay state{&sink, &scenes, &options};

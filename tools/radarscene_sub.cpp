@@ -22,6 +22,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,19 +32,22 @@ constexpr const char* USAGE = R"(Usage: radarscene-sub [OPTION]...
 Subscribes to a channel of the radar scene provider on the system bus and
 prints every scene as one JSON line.
 
-  --channel N      radar channel (default 0)
-  --bbox           ask for bounding boxes
-  --polygon        ask for polygons
-  --velocity       ask for velocities
-  --geo            ask for geographic positions
-  --raw            ask for unfiltered scenes (no class filter)
-  --summary        print a readable summary per scene instead of JSON
-  --stats          print stream statistics once a second instead of scenes
-  --count N        stop after N scenes
-  --duration S     stop after S seconds
-  --record FILE    also write the records, exactly as received, to FILE
-  --wait S         wait up to S seconds for the provider to appear
-  --help           show this text
+      --channel N      radar channel (default 0)
+      --bbox           ask for bounding boxes
+      --polygon        ask for polygons
+      --velocity       ask for velocities
+      --geo            ask for geographic positions
+      --raw            ask for unfiltered scenes (no class filter)
+      --summary        print a readable summary per scene instead of JSON
+      --stats          print stream statistics once a second instead of scenes
+      --count N        stop after N scenes
+      --duration S     stop after S seconds
+      --record FILE    also write the records, exactly as received, to FILE
+      --wait S         wait up to S seconds for the provider to appear
+      --reconnect      when the provider goes away, subscribe again once it is
+                       back (waiting up to the --wait time, or for ever)
+  -h, --help           show this text and exit
+      --version        show the version and exit
 )";
 
 constexpr uint64_t CLASS_QUERY_TIMEOUT_USEC = 500'000;
@@ -53,9 +57,10 @@ struct options_t {
     std::map<std::string, bool> features;
     bool summary = false;
     bool stats = false;
-    long count = -1;
+    long long count = -1;
     double duration = -1;
     double wait = 0;
+    bool reconnect = false;
     std::string record;
 };
 
@@ -73,7 +78,7 @@ options_t parse_options(int argc, char** argv) {
         DURATION,
         RECORD,
         WAIT,
-        HELP
+        RECONNECT
     };
     static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
                                           {"bbox", no_argument, nullptr, BBOX},
@@ -87,13 +92,13 @@ options_t parse_options(int argc, char** argv) {
                                           {"duration", required_argument, nullptr, DURATION},
                                           {"record", required_argument, nullptr, RECORD},
                                           {"wait", required_argument, nullptr, WAIT},
-                                          {"help", no_argument, nullptr, HELP},
+                                          {"reconnect", no_argument, nullptr, RECONNECT},
                                           {nullptr, 0, nullptr, 0}};
     options_t options;
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
             case CHANNEL:
-                options.channel = static_cast<int>(tool_number(value, "--channel", 0, 15));
+                options.channel = static_cast<int>(tool_integer(value, "--channel", 0, 15));
                 break;
             case BBOX:
                 options.features["BOUNDINGBOX_ENABLED"] = true;
@@ -117,7 +122,7 @@ options_t parse_options(int argc, char** argv) {
                 options.stats = true;
                 break;
             case COUNT:
-                options.count = static_cast<long>(tool_number(value, "--count", 1, 1e12));
+                options.count = tool_integer(value, "--count", 1, 1'000'000'000'000);
                 break;
             case DURATION:
                 options.duration = tool_number(value, "--duration", 0, 1e9);
@@ -128,15 +133,26 @@ options_t parse_options(int argc, char** argv) {
             case WAIT:
                 options.wait = tool_number(value, "--wait", 0, 3600);
                 break;
+            case RECONNECT:
+                options.reconnect = true;
+                break;
         }
     });
     tool_no_arguments(argc, argv);
     return options;
 }
 
-// Subscribes through "SubscribeSocket"; returns the stream and the session id.
-std::pair<int, int32_t> subscribe(sd_bus* bus, const options_t& options) {
-    double waited = 0;
+struct subscription_t {
+    int stream = -1;
+    int32_t session = -1;
+};
+
+// Subscribes through "SubscribeSocket", waiting up to `wait` seconds (< 0:
+// for ever) for the provider to appear. Nothing when a stop signal came
+// first.
+std::optional<subscription_t> subscribe(sd_bus* bus, const options_t& options, double wait,
+                                        int stop_fd) {
+    uint64_t until = tool_monotonic_ns() + static_cast<uint64_t>(std::max(wait, 0.0) * 1e9);
     for (;;) {
         sd_bus_message* call = nullptr;
         tool_check(sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
@@ -150,29 +166,32 @@ std::pair<int, int32_t> subscribe(sd_bus* bus, const options_t& options) {
         sd_bus_message_close_container(call);
         sd_bus_error error = SD_BUS_ERROR_NULL;
         sd_bus_message* reply = nullptr;
-        int r = sd_bus_call(bus, call, 0, &error, &reply);
+        int r = tool_call(bus, call, 0, stop_fd, &error, &reply);
         sd_bus_message_unref(call);
+        if (r == -ECANCELED) {
+            return std::nullopt;
+        }
         if (r >= 0) {
-            int fd = -1;
-            int32_t session = -1;
-            r = sd_bus_message_read(reply, "hi", &fd, &session);
-            fd = r < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 3);
+            subscription_t subscription;
+            r = sd_bus_message_read(reply, "hi", &subscription.stream, &subscription.session);
+            subscription.stream = r < 0 ? -1 : fcntl(subscription.stream, F_DUPFD_CLOEXEC, 3);
             sd_bus_message_unref(reply);
-            if (fd < 0) {
+            if (subscription.stream < 0) {
                 tool_fail("unreadable reply to SubscribeSocket");
             }
-            return {fd, session};
+            return subscription;
         }
         bool absent = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN);
-        if (!absent || waited >= options.wait) {
+        if (!absent || (wait >= 0 && tool_monotonic_ns() >= until)) {
             std::string message =
                 absent ? "no radar scene provider on the system bus" : tool_bus_error(error, r);
             sd_bus_error_free(&error);
             tool_fail("%s", message.c_str());
         }
         sd_bus_error_free(&error);
-        usleep(100'000);
-        waited += 0.1;
+        if (tool_stopped_within(stop_fd, 100)) {
+            return std::nullopt;
+        }
     }
 }
 
@@ -183,14 +202,14 @@ void unsubscribe(sd_bus* bus, int32_t session) {
 
 // The provider's class names; a provider without classes may not answer in
 // time, and then the summary shows class numbers.
-std::map<int32_t, std::string> class_names(sd_bus* bus, int channel) {
+std::map<int32_t, std::string> class_names(sd_bus* bus, int channel, int stop_fd) {
     std::map<int32_t, std::string> names;
     sd_bus_message* call = nullptr;
     sd_bus_message* reply = nullptr;
     if (sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
                                        PROVIDER_INTERFACE, "GetObjectClassifications") < 0 ||
         sd_bus_message_append(call, "i", channel) < 0 ||
-        sd_bus_call(bus, call, CLASS_QUERY_TIMEOUT_USEC, nullptr, &reply) < 0 ||
+        tool_call(bus, call, CLASS_QUERY_TIMEOUT_USEC, stop_fd, nullptr, &reply) < 0 ||
         sd_bus_message_enter_container(reply, 'a', "{is}") < 0) {
         sd_bus_message_unref(call);
         sd_bus_message_unref(reply);
@@ -249,7 +268,9 @@ void print_summary(const RadarScene::Scene& scene, const std::map<int32_t, std::
 
 // Figures of the last second: rates, objects per scene, the delay from the
 // producer's push (the scene's monotonic time) to reception, and scenes that
-// the time stamps show to be missing.
+// the time stamps show to be missing. Scene times more than a minute off
+// this machine's monotonic clock (a recording of another boot, another
+// machine's clock) give no delay: it is shown as unknown.
 struct stream_stats {
     uint64_t scenes = 0;
     uint64_t bytes = 0;
@@ -263,8 +284,11 @@ struct stream_stats {
         ++scenes;
         bytes += size + 4;
         objects += static_cast<uint64_t>(scene.objects_size());
-        delays_ms.push_back(static_cast<double>(static_cast<int64_t>(received_ns - scene.time())) /
-                            1e6);
+        double delay_ms =
+            static_cast<double>(static_cast<int64_t>(received_ns - scene.time())) / 1e6;
+        if (delay_ms > -1e3 && delay_ms < 60e3) {
+            delays_ms.push_back(delay_ms);
+        }
         if (last_time != 0 && scene.time() > last_time) {
             double gap = static_cast<double>(scene.time() - last_time);
             if (period > 0 && gap > 1.5 * period) {
@@ -282,17 +306,25 @@ struct stream_stats {
             return delays_ms.empty() ? 0.0
                                      : delays_ms[static_cast<size_t>(q * (delays_ms.size() - 1))];
         };
-        printf(
-            "%.1f scenes/s  %.0f bytes/s  %.1f objects/scene  delay ms p50 %.2f p99 %.2f max %.2f  "
-            "missing %llu\n",
-            static_cast<double>(scenes) / seconds, static_cast<double>(bytes) / seconds,
-            scenes ? static_cast<double>(objects) / static_cast<double>(scenes) : 0.0,
-            quantile(0.5), quantile(0.99), delays_ms.empty() ? 0.0 : delays_ms.back(),
-            static_cast<unsigned long long>(missing));
+        char delay[96] = "delay unknown";
+        if (!delays_ms.empty()) {
+            snprintf(delay, sizeof(delay), "delay ms p50 %.2f p99 %.2f max %.2f", quantile(0.5),
+                     quantile(0.99), delays_ms.back());
+        }
+        printf("%.1f scenes/s  %.0f bytes/s  %.1f objects/scene  %s  missing %llu\n",
+               static_cast<double>(scenes) / seconds, static_cast<double>(bytes) / seconds,
+               scenes ? static_cast<double>(objects) / static_cast<double>(scenes) : 0.0, delay,
+               static_cast<unsigned long long>(missing));
         fflush(stdout);
         *this = stream_stats{0, 0, 0, 0, last_time, period, {}};
     }
 };
+
+void write_record(std::ofstream& record, const std::string& payload) {
+    uint32_t header = htonl(static_cast<uint32_t>(payload.size() + 4));
+    record.write(reinterpret_cast<const char*>(&header), sizeof(header));
+    record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+}
 
 }  // namespace
 
@@ -309,20 +341,23 @@ int main(int argc, char** argv) {
     }
     int stop_fd = tool_stop_signals();
     sd_bus* bus = tool_system_bus();
-    auto [stream, session] = subscribe(bus, options);
+    if (options.features.count("GEOLOCATION_ENABLED")) {
+        tool_note_missing_geolocation();
+    }
+    std::optional<subscription_t> subscription = subscribe(bus, options, options.wait, stop_fd);
     std::map<int32_t, std::string> names;
-    if (options.summary) {
-        names = class_names(bus, options.channel);
+    if (subscription && options.summary) {
+        names = class_names(bus, options.channel, stop_fd);
     }
 
     uint64_t started = tool_monotonic_ns();
     uint64_t next_stats = started + 1'000'000'000;
     stream_stats stats;
-    long received = 0;
+    long long received = 0;
     int status = 0;
     std::string payload;
     RadarScene::Scene scene;
-    while (options.count < 0 || received < options.count) {
+    while (subscription && (options.count < 0 || received < options.count)) {
         uint64_t now = tool_monotonic_ns();
         double elapsed = static_cast<double>(now - started) / 1e9;
         if (options.duration >= 0 && elapsed >= options.duration) {
@@ -337,7 +372,7 @@ int main(int argc, char** argv) {
             timeout_ms =
                 std::min(timeout_ms, static_cast<int>((options.duration - elapsed) * 1000) + 1);
         }
-        pollfd fds[2] = {{stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
         if (poll(fds, 2, timeout_ms) < 0 && errno != EINTR) {
             tool_fail("poll: %s", strerror(errno));
         }
@@ -351,21 +386,26 @@ int main(int argc, char** argv) {
         if (!fds[0].revents) {
             continue;
         }
-        int r = RadarScene::readSceneRecord(stream, payload);
+        int r = RadarScene::readSceneRecord(subscription->stream, payload);
         if (r <= 0) {
+            close(subscription->stream);
             if (r < 0) {
                 fprintf(stderr, "radarscene-sub: broken stream: %s\n", strerror(-r));
-                status = 1;
             } else {
                 fprintf(stderr, "radarscene-sub: the provider closed the stream\n");
             }
-            break;
+            if (!options.reconnect) {
+                status = 1;
+                subscription.reset();
+                break;
+            }
+            fprintf(stderr, "radarscene-sub: waiting for the provider to come back\n");
+            subscription = subscribe(bus, options, options.wait > 0 ? options.wait : -1, stop_fd);
+            continue;
         }
         ++received;
         if (record.is_open()) {
-            uint32_t header = htonl(static_cast<uint32_t>(payload.size() + 4));
-            record.write(reinterpret_cast<const char*>(&header), sizeof(header));
-            record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+            write_record(record, payload);
         }
         if (!scene.ParseFromString(payload)) {
             fprintf(stderr, "radarscene-sub: undecodable scene of %zu bytes\n", payload.size());
@@ -380,8 +420,15 @@ int main(int argc, char** argv) {
         }
         fflush(stdout);
     }
-    unsubscribe(bus, session);
-    close(stream);
+    if (options.stats && (stats.scenes > 0 || next_stats == started + 1'000'000'000)) {
+        // The figures since the last line, however the run ended.
+        uint64_t since = next_stats - 1'000'000'000;
+        stats.print(std::max(1e-3, static_cast<double>(tool_monotonic_ns() - since) / 1e9));
+    }
+    if (subscription) {
+        unsubscribe(bus, subscription->session);
+        close(subscription->stream);
+    }
     sd_bus_flush_close_unref(bus);
     if (record.is_open() && !record.flush()) {
         tool_fail("cannot write %s", options.record.c_str());

@@ -16,6 +16,7 @@
 constexpr const char* PROVIDER_SERVICE = "com.tessel.RadarSceneProvider1";
 constexpr const char* PROVIDER_PATH = "/com/tessel/RadarSceneProvider1";
 constexpr const char* PROVIDER_INTERFACE = "com.tessel.RadarSceneProvider1.Scene";
+constexpr const char* GEOLOCATION_SERVICE = "com.tessel.GeoLocation1";
 
 // Names the program in failure lines.
 void tool_init(const char* name);
@@ -25,6 +26,9 @@ void tool_init(const char* name);
 int tool_check(int r, const char* what);
 // The number in `text`, which must lie in [min, max]; fails naming `option`.
 double tool_number(const char* text, const char* option, double min, double max);
+// The whole number in `text`, which must lie in [min, max]; fails naming
+// `option`.
+long long tool_integer(const char* text, const char* option, long long min, long long max);
 // "name: message" of a D-Bus error, or the text of `r` when it has none.
 std::string tool_bus_error(const sd_bus_error& error, int r);
 // The system bus, or a failure line.
@@ -32,12 +36,24 @@ sd_bus* tool_system_bus();
 // Blocks SIGINT and SIGTERM and returns a descriptor that becomes readable
 // when one of them arrives.
 int tool_stop_signals();
+// Waits `ms` milliseconds, or less when a stop signal arrives on `stop_fd`;
+// true when one did.
+bool tool_stopped_within(int stop_fd, int ms);
+// Makes a method call and waits for its reply (within `timeout_usec`, 0 for
+// sd-bus's default) while watching `stop_fd`. Returns what sd_bus_call
+// would, or -ECANCELED when a stop signal came first.
+int tool_call(sd_bus* bus, sd_bus_message* call, uint64_t timeout_usec, int stop_fd,
+              sd_bus_error* error, sd_bus_message** reply);
 uint64_t tool_monotonic_ns();
+// Says on standard error, in one line of the tool's own, when no geolocation
+// service is on the system bus: scenes then carry no geographic positions.
+void tool_note_missing_geolocation();
 
-// Parses the long options of `options` (ended by a zero entry), handing each
-// one's value and argument to `handle`; "help" prints `usage` and exits 0,
-// an unknown option is a failure line. Arguments after the options start at
-// `optind`.
+// Parses the options of `options` (ended by a zero entry) with getopt_long,
+// handing each one's value and argument to `handle`. Every tool also has
+// -h/--help, which prints `usage`, and --version; both exit 0. An unknown
+// option or one without its value is a failure line that names it.
+// Arguments after the options start at `optind`.
 void tool_parse_options(int argc, char** argv, const option* options, const char* usage,
                         const std::function<void(int, const char*)>& handle);
 // Fails when arguments are left after the options.

@@ -1,8 +1,11 @@
 // Development stand-in for the device's broker client: topics live as files
 // in a directory that a developer can watch. Each topic "T" has its
 // definition in "T.topic.json" and its data items, one JSON document a line,
-// in "T.jsonl". The directory is $VARRO_DEV_DIR, or /tmp/varro-dev. Built
-// with MQTT support, a broker named by $VARRO_MQTT_URL is used instead.
+// in "T.jsonl". The directory is $VARRO_DEV_DIR, or /tmp/varro-dev-<uid>, so
+// that producers of different users do not share one. A topic's items take
+// at most $VARRO_DEV_MAX_BYTES (default 64 MiB): when "T.jsonl" reaches half
+// of it, it becomes "T.jsonl.1", replacing the older half. Built with MQTT
+// support, a broker named by $VARRO_MQTT_URL is used instead.
 
 #include <tessel_os_varro/varro.h>
 #ifdef VARRO_WITH_MQTT
@@ -12,8 +15,12 @@
 #include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <mutex>
 
@@ -22,7 +29,14 @@ namespace {
 
 std::string topic_dir() {
     const char* dir = getenv("VARRO_DEV_DIR");
-    return dir && *dir ? dir : "/tmp/varro-dev";
+    return dir && *dir ? dir : "/tmp/varro-dev-" + std::to_string(getuid());
+}
+
+uint64_t max_topic_bytes() {
+    const char* text = getenv("VARRO_DEV_MAX_BYTES");
+    char* end = nullptr;
+    unsigned long long value = text ? strtoull(text, &end, 10) : 0;
+    return text && *text && !*end && value > 0 ? value : 64ull << 20;
 }
 
 std::string definition_path(const std::string& topic) {
@@ -56,17 +70,37 @@ public:
     Result<void> WriteData(const TopicData& data,
                            std::optional<std::chrono::system_clock::time_point>) override {
         std::lock_guard lock(mutex_);
-        std::ofstream out(topic_dir() + "/" + topic_ + ".jsonl", std::ios::app);
+        std::string path = topic_dir() + "/" + topic_ + ".jsonl";
+        struct stat st;
+        if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            static_cast<uint64_t>(st.st_size) + data.Json().size() + 1 > max_topic_bytes() / 2) {
+            rename(path.c_str(), (path + ".1").c_str());
+        }
+        std::ofstream out(path, std::ios::app);
         out << data.Json() << '\n' << std::flush;
-        if (!out) {
+        return report(out ? 0 : (errno ? errno : EIO), path);
+    }
+
+private:
+    // One warning when writing starts to fail and one line when it works
+    // again, instead of one per item.
+    Result<void> report(int error, const std::string& path) {
+        if (error && !failing_) {
+            fprintf(stderr, "<4>varro-dev: cannot append to %s: %s; items are dropped\n",
+                    path.c_str(), strerror(error));
+        } else if (!error && failing_) {
+            fprintf(stderr, "<6>varro-dev: writing to %s again\n", path.c_str());
+        }
+        failing_ = error != 0;
+        if (error) {
             return MakeError(ApiErrorCode::IoError, "cannot append to " + topic_ + ".jsonl");
         }
         return {};
     }
 
-private:
     std::string topic_;
     std::mutex mutex_;
+    bool failing_ = false;
 };
 
 class DevClient : public Client {
