@@ -17,6 +17,9 @@ build() {
 build "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ctest --test-dir "$root/build" --output-on-failure --parallel "$jobs"
 
+# The Debian packages, built from the committed tree and checked with lintian.
+bash "$root/tests/package_test.sh" "$root"
+
 # Everything again under AddressSanitizer and UndefinedBehaviorSanitizer,
 # then under ThreadSanitizer: the worker threads, semaphores, locks and
 # event-loop threads are where races would hide. Death tests fork and are

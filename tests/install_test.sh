@@ -62,4 +62,27 @@ grep -q 'interface name="com.tessel.RadarSceneProvider1.Scene"' "$work/introspec
 as_nobody "$prefix/bin/radarscene-sub" --count 1 2>"$work/nobody.log" && fail "nobody subscribed"
 [[ $(cat "$work/nobody.log") == "radarscene-sub: org.freedesktop.DBus.Error.AccessDenied: User nobody is not authorized for com.tessel.RadarSceneProvider1.Scene.SubscribeSocket" ]] ||
     fail "nobody was not answered by the access check: $(cat "$work/nobody.log")"
+
+# A producer that follows the example policy lets the granted group's
+# members in (nobody's own group stands in for radarscene here).
+kill -TERM "${pids[-1]}"
+wait "${pids[-1]}" || fail "the producer did not stop cleanly"
+sed 's/@radarscene/@nogroup/' "$prefix/share/doc/radarscene/examples/permo2-dev-policy" \
+    >"$work/policy"
+PERMO2_DEV_POLICY=$work/policy "$prefix/bin/radarscene-demo-producer" 2>/dev/null &
+pids+=($!)
+as_nobody "$prefix/bin/radarscene-sub" --wait 10 --count 1 >/dev/null ||
+    fail "a member of a granted group was refused"
+
+# Only root may serve the geolocation service; everyone may read it.
+as_nobody "$prefix/bin/radarscene-geosim" 2>/dev/null && fail "nobody served the geolocation service"
+"$prefix/bin/radarscene-geosim" 2>/dev/null &
+pids+=($!)
+for _ in $(seq 50); do
+    as_nobody dbus-send --system --print-reply --dest=com.tessel.GeoLocation1 \
+        /com/tessel/GeoLocation1 org.freedesktop.DBus.Properties.Get \
+        string:com.tessel.GeoLocation1 string:latitude >"$work/latitude" 2>/dev/null && break
+    sleep 0.1
+done
+grep -q "double 59.3293" "$work/latitude" || fail "the geolocation service could not be read"
 echo "install: all checks passed"

@@ -150,15 +150,14 @@ kill -INT "${pids[-1]}"
 wait "${pids[-1]}"
 (($(date +%s%N) - started < 1000000000)) || fail "the producer took more than a second to stop"
 
-if ! PYTHONPATH=$build/python "$python" -c "import dbus, scene_pb2" 2>/dev/null; then
+if ! PYTHONPATH=$build/python "$python" -c "import dbus; from radarscene import scene_pb2" 2>/dev/null; then
     echo "SKIPPED: the Python example needs python3-dbus and a python3-protobuf that reads classes of this protoc"
     exit 77
 fi
 "$tools/radarscene-demo-producer" 2>/dev/null &
 pids+=($!)
 for _ in $(seq 50); do "$tools/radarscene-sub" --count 1 >/dev/null 2>&1 && break; sleep 0.1; done
-RADARSCENE_PYTHON_DIR=$build/python "$python" "$build/python/radarscene_sub.py" --count 3 \
-    >"$work/python.txt"
+PYTHONPATH=$build/python "$python" -m radarscene.sub --count 3 >"$work/python.txt"
 [[ $(grep -c " 3 objects: 100 101 102$" "$work/python.txt") -eq 3 ]] ||
     fail "Python example output: $(cat "$work/python.txt")"
 echo "tools: all checks passed"

@@ -15,7 +15,7 @@ S = "${WORKDIR}/git"
 DEPENDS = "sdbus-c++ sdbus-c++-tools-native protobuf protobuf-native \
            nlohmann-json systemd permo2 tessel-os-varro"
 
-inherit cmake pkgconfig
+inherit cmake pkgconfig python3-dir
 
 EXTRA_OECMAKE = " \
     -DRADARSCENE_DEVICE_PLATFORM=ON \
@@ -23,15 +23,22 @@ EXTRA_OECMAKE = " \
     -DRADARSCENE_BUILD_BENCHMARKS=OFF \
     -DRADARSCENE_SDBUSCPP_XML2CPP=${STAGING_BINDIR_NATIVE}/sdbus-c++-xml2cpp \
     -DRADARSCENE_PROTOC=${STAGING_BINDIR_NATIVE}/protoc \
+    -DRADARSCENE_PYTHON_DIR=${@os.path.relpath(d.getVar('PYTHON_SITEPACKAGES_DIR'), d.getVar('prefix'))} \
 "
 
-PACKAGES =+ "${PN}-tools"
-FILES:${PN} += "${datadir}/dbus-1/system.d"
+PACKAGES =+ "${PN}-tools python3-${PN}"
+FILES:${PN} += "${datadir}/dbus-1/system.d/com.tessel.RadarSceneProvider1.conf"
 FILES:${PN}-dev += "${datadir}/radarscene ${datadir}/dbus-1/interfaces ${libdir}/cmake"
-FILES:${PN}-tools = "${bindir} ${docdir}/radarscene/examples"
+FILES:${PN}-tools = "${bindir} ${docdir}/radarscene/examples ${mandir}/man1 \
+                     ${datadir}/dbus-1/system.d/com.tessel.GeoLocation1.conf"
 RDEPENDS:${PN}-tools = "${PN}"
+FILES:python3-${PN} = "${PYTHON_SITEPACKAGES_DIR}/radarscene"
+RDEPENDS:python3-${PN} = "python3-core python3-protobuf python3-dbus"
 
-# Members of this group may run a producer that owns the provider's name.
+# The radarscene system user and group run a producer that owns the
+# provider's name; other members of the group may do so too.
 inherit useradd
 USERADD_PACKAGES = "${PN}"
 GROUPADD_PARAM:${PN} = "--system radarscene"
+USERADD_PARAM:${PN} = "--system --no-create-home --home-dir /nonexistent \
+                       --shell /sbin/nologin --gid radarscene radarscene"

@@ -1,22 +1,18 @@
-#!/usr/bin/python3
-"""A Python consumer of the radar scene stream: subscribes to the provider on
-the system bus and prints one line per scene.
+"""Subscribes to a channel of the radar scene provider on the system bus and
+prints one line per scene: its time, its number of objects and their ids.
 
-Needs Debian's python3-dbus and python3-protobuf, and the classes that the
-build generates from scene.proto (scene_pb2.py, found beside this script or
-in $RADARSCENE_PYTHON_DIR).
+Needs Debian's python3-dbus and python3-protobuf. Run it as
+python3 -m radarscene.sub.
 """
 
 import argparse
-import os
 import socket
 import struct
 import sys
 
 import dbus
 
-sys.path.insert(0, os.environ.get("RADARSCENE_PYTHON_DIR", os.path.dirname(os.path.abspath(__file__))))
-import scene_pb2  # noqa: E402
+from radarscene import scene_pb2
 
 SERVICE = "com.tessel.RadarSceneProvider1"
 PATH = "/com/tessel/RadarSceneProvider1"
@@ -44,9 +40,12 @@ def read_scene(stream):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--channel", type=int, default=0)
-    parser.add_argument("--count", type=int, default=10)
+    parser = argparse.ArgumentParser(
+        prog="python3 -m radarscene.sub",
+        description=__doc__.split("\n\n")[0].replace("\n", " "),
+    )
+    parser.add_argument("--channel", type=int, default=0, help="radar channel (default 0)")
+    parser.add_argument("--count", type=int, default=10, help="scenes to show (default 10)")
     args = parser.parse_args()
 
     provider = dbus.Interface(dbus.SystemBus().get_object(SERVICE, PATH), INTERFACE)
@@ -64,4 +63,4 @@ if __name__ == "__main__":
     try:
         main()
     except (dbus.DBusException, EOFError, ValueError) as error:
-        sys.exit(f"radarscene_sub.py: {error}")
+        sys.exit(f"radarscene.sub: {error}")
