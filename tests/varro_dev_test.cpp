@@ -30,9 +30,23 @@ TEST(DevelopmentBroker, WriteFailuresFailTheItemOrTheTopicAtOnce) {
     auto writer = client->CreateTopicDataWriter("writer");
     ASSERT_TRUE(writer);
     ASSERT_TRUE((*writer)->Initialize("scene"));
+    // Every item fails, but only the first failure is reported.
+    FILE* log = tmpfile();
+    int saved_stderr = dup(STDERR_FILENO);
+    dup2(fileno(log), STDERR_FILENO);
     auto written = (*writer)->WriteData(*TopicData::FromJson("{}"), std::nullopt);
+    auto again = (*writer)->WriteData(*TopicData::FromJson("{}"), std::nullopt);
+    dup2(saved_stderr, STDERR_FILENO);
+    close(saved_stderr);
     ASSERT_FALSE(written);
+    EXPECT_FALSE(again);
     EXPECT_EQ(written.error().code, ApiErrorCode::IoError);
+    std::string lines(static_cast<size_t>(ftell(log)), '\0');
+    rewind(log);
+    EXPECT_EQ(fread(lines.data(), 1, lines.size(), log), lines.size());
+    fclose(log);
+    EXPECT_EQ(lines, "<4>varro-dev: cannot append to " + folder +
+                         "/scene.jsonl: No space left on device; items are dropped\n");
 
     for (const char* file : {"/full.topic.json", "/scene.jsonl", "/scene.topic.json"}) {
         unlink((folder + file).c_str());
