@@ -33,16 +33,23 @@ build "$root/build-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRADARSCENE_SANITIZE
 GTEST_FILTER='-*DeathTest*' TSAN_OPTIONS=halt_on_error=1 \
     ctest --test-dir "$root/build-tsan" --output-on-failure --parallel "$jobs"
 
-# The scene decoder against arbitrary bytes for a minute: libFuzzer with
-# AddressSanitizer and UndefinedBehaviorSanitizer, built with clang.
+# The scene decoder and the tools' MCAP reader against arbitrary bytes:
+# libFuzzer with AddressSanitizer and UndefinedBehaviorSanitizer, built with
+# clang; the MCAP reader starts from a few small recordings.
 cmake -S "$root/fuzz" -B "$root/build-fuzz" -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
 cmake --build "$root/build-fuzz" --parallel "$jobs"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-mkdir "$work/corpus"
-if ! "$root/build-fuzz/deserializeframe_fuzz" -max_total_time=60 -print_final_stats=1 \
-    -artifact_prefix="$work/" "$work/corpus" >"$work/fuzz.log" 2>&1; then
-    cat "$work/fuzz.log"
-    exit 1
-fi
-tail -n 2 "$work/fuzz.log"
+fuzz() {
+    local target=$1 seconds=$2 corpus=$work/$1
+    mkdir "$corpus"
+    [[ -z ${3:-} ]] || cp "$3"/* "$corpus/"
+    if ! "$root/build-fuzz/$target" -max_total_time="$seconds" -print_final_stats=1 \
+        -artifact_prefix="$work/" "$corpus" >"$work/$target.log" 2>&1; then
+        cat "$work/$target.log"
+        exit 1
+    fi
+    tail -n 2 "$work/$target.log"
+}
+fuzz deserializeframe_fuzz 45
+fuzz mcapreader_fuzz 30 "$root/fuzz/corpus/mcap"

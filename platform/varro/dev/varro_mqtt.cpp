@@ -117,8 +117,10 @@ public:
         if (!mosq_) {
             return;
         }
+        // The loop thread ends by itself once disconnecting; cancelling it
+        // instead could leave one of libmosquitto's mutexes locked.
         mosquitto_disconnect(mosq_);
-        mosquitto_loop_stop(mosq_, true);
+        mosquitto_loop_stop(mosq_, false);
         mosquitto_destroy(mosq_);
     }
 

@@ -1,6 +1,7 @@
 // radarscene-sub: subscribes to a radar channel of the running provider and
 // prints its scenes, a summary of them, or statistics of the stream.
 
+#include "recorder.h"
 #include "toolutil.h"
 
 #include <radarscene/RadarScene.h>
@@ -20,7 +21,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -42,7 +42,10 @@ prints every scene as one JSON line.
       --stats          print stream statistics once a second instead of scenes
       --count N        stop after N scenes
       --duration S     stop after S seconds
-      --record FILE    also write the records, exactly as received, to FILE
+      --record FILE    also write the scenes, exactly as received, to FILE: an
+                       MCAP recording when FILE ends in .mcap, else the records
+      --compression C  chunk compression of an MCAP recording: zstd (default),
+                       lz4 or none
       --wait S         wait up to S seconds for the provider to appear
       --reconnect      when the provider goes away, subscribe again once it is
                        back (waiting up to the --wait time, or for ever)
@@ -62,6 +65,7 @@ struct options_t {
     double wait = 0;
     bool reconnect = false;
     std::string record;
+    mcap_compression_t compression = mcap_compression_t::zstd;
 };
 
 options_t parse_options(int argc, char** argv) {
@@ -78,7 +82,8 @@ options_t parse_options(int argc, char** argv) {
         DURATION,
         RECORD,
         WAIT,
-        RECONNECT
+        RECONNECT,
+        COMPRESSION
     };
     static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
                                           {"bbox", no_argument, nullptr, BBOX},
@@ -91,6 +96,7 @@ options_t parse_options(int argc, char** argv) {
                                           {"count", required_argument, nullptr, COUNT},
                                           {"duration", required_argument, nullptr, DURATION},
                                           {"record", required_argument, nullptr, RECORD},
+                                          {"compression", required_argument, nullptr, COMPRESSION},
                                           {"wait", required_argument, nullptr, WAIT},
                                           {"reconnect", no_argument, nullptr, RECONNECT},
                                           {nullptr, 0, nullptr, 0}};
@@ -135,6 +141,13 @@ options_t parse_options(int argc, char** argv) {
                 break;
             case RECONNECT:
                 options.reconnect = true;
+                break;
+            case COMPRESSION:
+                if (auto named = mcap_compression_named(value)) {
+                    options.compression = *named;
+                } else {
+                    tool_fail("--compression needs zstd, lz4 or none, not '%s'", value);
+                }
                 break;
         }
     });
@@ -320,24 +333,11 @@ struct stream_stats {
     }
 };
 
-void write_record(std::ofstream& record, const std::string& payload) {
-    uint32_t header = htonl(static_cast<uint32_t>(payload.size() + 4));
-    record.write(reinterpret_cast<const char*>(&header), sizeof(header));
-    record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    tool_init("radarscene-sub");
-    const options_t options = parse_options(argc, argv);
-
-    std::ofstream record;
+int run(const options_t& options) {
+    std::unique_ptr<Recorder> recorder;
     if (!options.record.empty()) {
-        record.open(options.record, std::ios::binary | std::ios::trunc);
-        if (!record) {
-            tool_fail("cannot write %s: %s", options.record.c_str(), strerror(errno));
-        }
+        recorder =
+            open_recorder({options.record, options.channel, options.features, options.compression});
     }
     int stop_fd = tool_stop_signals();
     sd_bus* bus = tool_system_bus();
@@ -404,10 +404,11 @@ int main(int argc, char** argv) {
             continue;
         }
         ++received;
-        if (record.is_open()) {
-            write_record(record, payload);
+        bool decoded = scene.ParseFromString(payload);
+        if (recorder) {
+            recorder->add(payload, decoded ? scene.time() : 0);
         }
-        if (!scene.ParseFromString(payload)) {
+        if (!decoded) {
             fprintf(stderr, "radarscene-sub: undecodable scene of %zu bytes\n", payload.size());
             continue;
         }
@@ -430,8 +431,18 @@ int main(int argc, char** argv) {
         close(subscription->stream);
     }
     sd_bus_flush_close_unref(bus);
-    if (record.is_open() && !record.flush()) {
-        tool_fail("cannot write %s", options.record.c_str());
+    if (recorder) {
+        recorder->finish();
+        fprintf(stderr, "radarscene-sub: recorded %llu scenes to %s\n",
+                static_cast<unsigned long long>(recorder->scenes), options.record.c_str());
     }
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-sub");
+    const options_t options = parse_options(argc, argv);
+    return tool_run([&] { return run(options); });
 }

@@ -1,0 +1,31 @@
+#pragma once
+
+// What radarscene-sub --record writes: the records exactly as received or,
+// for a file name ending in ".mcap", an MCAP recording that other tools open.
+
+#include "mcap.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+struct recording_options_t {
+    std::string path;
+    int channel = 0;
+    std::map<std::string, bool> features;  // the subscription's options
+    mcap_compression_t compression = mcap_compression_t::zstd;
+};
+
+class Recorder {
+public:
+    virtual ~Recorder() = default;
+    // One scene as received, and its own time stamp.
+    virtual void add(const std::string& payload, uint64_t scene_time) = 0;
+    // Completes the file; throws std::runtime_error when it cannot.
+    virtual void finish() = 0;
+    uint64_t scenes = 0;
+};
+
+// Opens the file; throws std::runtime_error when it cannot.
+std::unique_ptr<Recorder> open_recorder(const recording_options_t& options);
