@@ -2,6 +2,7 @@
 // prints its scenes, a summary of them, or statistics of the stream.
 
 #include "recorder.h"
+#include "subscription.h"
 #include "toolutil.h"
 
 #include <radarscene/RadarScene.h>
@@ -52,8 +53,6 @@ prints every scene as one JSON line.
   -h, --help           show this text and exit
       --version        show the version and exit
 )";
-
-constexpr uint64_t CLASS_QUERY_TIMEOUT_USEC = 500'000;
 
 struct options_t {
     int channel = 0;
@@ -153,89 +152,6 @@ options_t parse_options(int argc, char** argv) {
     });
     tool_no_arguments(argc, argv);
     return options;
-}
-
-struct subscription_t {
-    int stream = -1;
-    int32_t session = -1;
-};
-
-// Subscribes through "SubscribeSocket", waiting up to `wait` seconds (< 0:
-// for ever) for the provider to appear. Nothing when a stop signal came
-// first.
-std::optional<subscription_t> subscribe(sd_bus* bus, const options_t& options, double wait,
-                                        int stop_fd) {
-    uint64_t until = tool_monotonic_ns() + static_cast<uint64_t>(std::max(wait, 0.0) * 1e9);
-    for (;;) {
-        sd_bus_message* call = nullptr;
-        tool_check(sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
-                                                  PROVIDER_INTERFACE, "SubscribeSocket"),
-                   "cannot build the subscription call");
-        sd_bus_message_append(call, "ii", 3, options.channel);
-        sd_bus_message_open_container(call, 'a', "{sb}");
-        for (const auto& [key, value] : options.features) {
-            sd_bus_message_append(call, "{sb}", key.c_str(), static_cast<int>(value));
-        }
-        sd_bus_message_close_container(call);
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        sd_bus_message* reply = nullptr;
-        int r = tool_call(bus, call, 0, stop_fd, &error, &reply);
-        sd_bus_message_unref(call);
-        if (r == -ECANCELED) {
-            return std::nullopt;
-        }
-        if (r >= 0) {
-            subscription_t subscription;
-            r = sd_bus_message_read(reply, "hi", &subscription.stream, &subscription.session);
-            subscription.stream = r < 0 ? -1 : fcntl(subscription.stream, F_DUPFD_CLOEXEC, 3);
-            sd_bus_message_unref(reply);
-            if (subscription.stream < 0) {
-                tool_fail("unreadable reply to SubscribeSocket");
-            }
-            return subscription;
-        }
-        bool absent = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN);
-        if (!absent || (wait >= 0 && tool_monotonic_ns() >= until)) {
-            std::string message =
-                absent ? "no radar scene provider on the system bus" : tool_bus_error(error, r);
-            sd_bus_error_free(&error);
-            tool_fail("%s", message.c_str());
-        }
-        sd_bus_error_free(&error);
-        if (tool_stopped_within(stop_fd, 100)) {
-            return std::nullopt;
-        }
-    }
-}
-
-void unsubscribe(sd_bus* bus, int32_t session) {
-    sd_bus_call_method(bus, PROVIDER_SERVICE, PROVIDER_PATH, PROVIDER_INTERFACE,
-                       "UnsubscribeSocket", nullptr, nullptr, "i", session);
-}
-
-// The provider's class names; a provider without classes may not answer in
-// time, and then the summary shows class numbers.
-std::map<int32_t, std::string> class_names(sd_bus* bus, int channel, int stop_fd) {
-    std::map<int32_t, std::string> names;
-    sd_bus_message* call = nullptr;
-    sd_bus_message* reply = nullptr;
-    if (sd_bus_message_new_method_call(bus, &call, PROVIDER_SERVICE, PROVIDER_PATH,
-                                       PROVIDER_INTERFACE, "GetObjectClassifications") < 0 ||
-        sd_bus_message_append(call, "i", channel) < 0 ||
-        tool_call(bus, call, CLASS_QUERY_TIMEOUT_USEC, stop_fd, nullptr, &reply) < 0 ||
-        sd_bus_message_enter_container(reply, 'a', "{is}") < 0) {
-        sd_bus_message_unref(call);
-        sd_bus_message_unref(reply);
-        return names;
-    }
-    int32_t id = 0;
-    const char* name = nullptr;
-    while (sd_bus_message_read(reply, "{is}", &id, &name) > 0) {
-        names[id] = name;
-    }
-    sd_bus_message_unref(call);
-    sd_bus_message_unref(reply);
-    return names;
 }
 
 void print_json(const RadarScene::Scene& scene) {
@@ -344,10 +260,11 @@ int run(const options_t& options) {
     if (options.features.count("GEOLOCATION_ENABLED")) {
         tool_note_missing_geolocation();
     }
-    std::optional<subscription_t> subscription = subscribe(bus, options, options.wait, stop_fd);
+    std::optional<tool_subscription_t> subscription =
+        tool_subscribe(bus, options.channel, options.features, options.wait, stop_fd);
     std::map<int32_t, std::string> names;
     if (subscription && options.summary) {
-        names = class_names(bus, options.channel, stop_fd);
+        names = tool_class_names(bus, options.channel, stop_fd);
     }
 
     uint64_t started = tool_monotonic_ns();
@@ -400,7 +317,8 @@ int run(const options_t& options) {
                 break;
             }
             fprintf(stderr, "radarscene-sub: waiting for the provider to come back\n");
-            subscription = subscribe(bus, options, options.wait > 0 ? options.wait : -1, stop_fd);
+            subscription = tool_subscribe(bus, options.channel, options.features,
+                                          options.wait > 0 ? options.wait : -1, stop_fd);
             continue;
         }
         ++received;
@@ -427,7 +345,7 @@ int run(const options_t& options) {
         stats.print(std::max(1e-3, static_cast<double>(tool_monotonic_ns() - since) / 1e9));
     }
     if (subscription) {
-        unsubscribe(bus, subscription->session);
+        tool_unsubscribe(bus, subscription->session);
         close(subscription->stream);
     }
     sd_bus_flush_close_unref(bus);

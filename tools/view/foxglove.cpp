@@ -1,0 +1,115 @@
+#include "foxglove.h"
+
+#include <nlohmann/json.hpp>
+
+using json = nlohmann::json;
+
+namespace {
+
+// A JSON number that fits a 32-bit unsigned id.
+bool is_id(const json& value) {
+    return value.is_number_unsigned() && value.get<uint64_t>() <= UINT32_MAX;
+}
+
+}  // namespace
+
+std::string foxglove_server_info(const std::string& name) {
+    return json{{"op", "serverInfo"},
+                {"name", name},
+                {"capabilities", json::array()},
+                {"supportedEncodings", json::array()},
+                {"metadata", json::object()}}
+        .dump();
+}
+
+std::string foxglove_advertise(const std::vector<foxglove_channel_t>& channels) {
+    json list = json::array();
+    for (const foxglove_channel_t& c : channels) {
+        list.push_back({{"id", c.id},
+                        {"topic", c.topic},
+                        {"encoding", c.encoding},
+                        {"schemaName", c.schema_name},
+                        {"schema", c.schema},
+                        {"schemaEncoding", c.schema_encoding}});
+    }
+    return json{{"op", "advertise"}, {"channels", list}}.dump();
+}
+
+std::string foxglove_status(foxglove_status_level_t level, const std::string& message) {
+    return json{{"op", "status"}, {"level", level}, {"message", message}}.dump(
+        -1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string foxglove_message_data(uint32_t subscription, uint64_t timestamp_ns,
+                                  std::string_view payload) {
+    std::string frame(1 + 4 + 8, '\0');
+    frame[0] = 1;
+    for (int i = 0; i < 4; ++i) {
+        frame[1 + i] = static_cast<char>(subscription >> (8 * i));
+    }
+    for (int i = 0; i < 8; ++i) {
+        frame[5 + i] = static_cast<char>(timestamp_ns >> (8 * i));
+    }
+    frame.append(payload);
+    return frame;
+}
+
+std::vector<std::string> FoxgloveSession::handleText(std::string_view text,
+                                                     const std::set<uint32_t>& channels) {
+    std::vector<std::string> replies;
+    auto error = [&](const std::string& message) {
+        replies.push_back(foxglove_status(FOXGLOVE_ERROR, message));
+    };
+    json request = json::parse(text, nullptr, false);
+    if (request.is_discarded() || !request.is_object()) {
+        error("malformed JSON");
+        return replies;
+    }
+    const json& op = request["op"];
+    if (!op.is_string()) {
+        error("a request needs an \"op\"");
+        return replies;
+    }
+    if (op == "subscribe" && request["subscriptions"].is_array()) {
+        for (const json& s : request["subscriptions"]) {
+            if (!s.is_object() || !is_id(s["id"]) || !is_id(s["channelId"])) {
+                error("a subscription needs an \"id\" and a \"channelId\"");
+                continue;
+            }
+            auto id = s["id"].get<uint32_t>();
+            auto channel = s["channelId"].get<uint32_t>();
+            if (!channels.count(channel)) {
+                error("channel " + std::to_string(channel) + " does not exist");
+            } else if (subscriptions_.count(id)) {
+                error("subscription " + std::to_string(id) + " is already in use");
+            } else if (subscriptions_.size() >= MAX_SUBSCRIPTIONS) {
+                error("too many subscriptions");
+            } else {
+                subscriptions_[id] = channel;
+            }
+        }
+    } else if (op == "unsubscribe" && request["subscriptionIds"].is_array()) {
+        for (const json& id : request["subscriptionIds"]) {
+            if (!is_id(id) || !subscriptions_.erase(id.get<uint32_t>())) {
+                replies.push_back(foxglove_status(
+                    FOXGLOVE_WARNING, "no subscription " + id.dump(-1, ' ', false,
+                                                                   json::error_handler_t::replace)));
+            }
+        }
+    } else if (op == "subscribe" || op == "unsubscribe") {
+        error("malformed \"" + op.get<std::string>() + "\" request");
+    } else {
+        error("unsupported operation \"" + op.get<std::string>() + "\"");
+    }
+    return replies;
+}
+
+std::vector<uint32_t> FoxgloveSession::subscriptionsOf(uint32_t channel) const {
+    std::vector<uint32_t> ids;
+    for (const auto& [id, subscribed] : subscriptions_) {
+        if (subscribed == channel) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}

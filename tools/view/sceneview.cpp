@@ -1,0 +1,212 @@
+#include "sceneview.h"
+
+#include <radarscene/RadarScene.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+
+using json = nlohmann::json;
+
+namespace {
+
+constexpr double DEG_TO_RAD = 0.017453292519943295;
+constexpr double OBJECT_HEIGHT = 1.5;  // boxes have no height of their own
+
+// A colour per class, so that the page and 3-D panels agree.
+const double PALETTE[][3] = {{0.90, 0.30, 0.25}, {0.25, 0.55, 0.95}, {0.30, 0.75, 0.35},
+                             {0.95, 0.70, 0.20}, {0.65, 0.40, 0.85}, {0.20, 0.75, 0.75}};
+
+struct xy_t {
+    double x, y;
+};
+
+int class_of(const RadarScene::Object& o) {
+    if (!o.has_labels() || o.labels().labels_size() == 0 || !o.labels().labels(0).has_id()) {
+        return -1;
+    }
+    return static_cast<int>(o.labels().labels(0).id());
+}
+
+std::string class_name(int id, const class_names_t& names) {
+    auto it = names.find(id);
+    return it != names.end() ? it->second : id < 0 ? "unclassified" : "class " + std::to_string(id);
+}
+
+json color(int class_id, double alpha) {
+    const double* c = PALETTE[static_cast<size_t>(class_id + 1) % std::size(PALETTE)];
+    return {{"r", c[0]}, {"g", c[1]}, {"b", c[2]}, {"a", alpha}};
+}
+
+// (forward, right) to the radar frame.
+xy_t from_forward_right(double forward, double right) {
+    return {forward, -right};
+}
+
+std::optional<xy_t> position_of(const RadarScene::Object& o) {
+    if (o.has_position()) {
+        double bearing = o.position().y() * DEG_TO_RAD;
+        return from_forward_right(o.position().x() * std::cos(bearing),
+                                  o.position().x() * std::sin(bearing));
+    }
+    if (o.has_bounding_box()) {
+        const RadarScene::BoundingBox& b = o.bounding_box();
+        return from_forward_right((b.left() + b.right()) / 2, (b.top() + b.bottom()) / 2);
+    }
+    return std::nullopt;
+}
+
+const RadarScene::Velocity* velocity_of(const RadarScene::Object& o) {
+    return o.has_velocity3d() ? &o.velocity3d() : o.has_velocity() ? &o.velocity() : nullptr;
+}
+
+json time_of(uint64_t ns) {
+    return {{"sec", ns / 1'000'000'000}, {"nsec", ns % 1'000'000'000}};
+}
+
+json vec(double x, double y, double z) {
+    return {{"x", x}, {"y", y}, {"z", z}};
+}
+
+json pose(double x, double y, double z, double yaw = 0) {
+    return {{"position", vec(x, y, z)},
+            {"orientation",
+             {{"x", 0}, {"y", 0}, {"z", std::sin(yaw / 2)}, {"w", std::cos(yaw / 2)}}}};
+}
+
+json entity(const RadarScene::Object& o, const class_names_t& names, uint64_t stamp_ns) {
+    int cls = class_of(o);
+    std::string name = class_name(cls, names);
+    json cubes = json::array(), lines = json::array(), arrows = json::array(),
+         texts = json::array();
+    std::optional<xy_t> at = position_of(o);
+    if (o.has_bounding_box()) {
+        const RadarScene::BoundingBox& b = o.bounding_box();
+        xy_t center = from_forward_right((b.left() + b.right()) / 2, (b.top() + b.bottom()) / 2);
+        cubes.push_back({{"pose", pose(center.x, center.y, OBJECT_HEIGHT / 2)},
+                         {"size", vec(std::fabs(b.right() - b.left()),
+                                      std::fabs(b.bottom() - b.top()), OBJECT_HEIGHT)},
+                         {"color", color(cls, 0.35)}});
+    }
+    if (o.has_polygon() && o.polygon().points_size() > 1) {
+        json points = json::array();
+        for (const RadarScene::Point& p : o.polygon().points()) {
+            xy_t q = from_forward_right(p.x(), p.y());
+            points.push_back(vec(q.x, q.y, 0));
+        }
+        points.push_back(points[0]);
+        lines.push_back({{"type", 0},
+                         {"pose", pose(0, 0, 0)},
+                         {"thickness", 0.08},
+                         {"scale_invariant", false},
+                         {"points", points},
+                         {"color", color(cls, 1)},
+                         {"colors", json::array()},
+                         {"indices", json::array()}});
+    }
+    const RadarScene::Velocity* v = velocity_of(o);
+    if (v && at) {
+        xy_t d = from_forward_right(v->vx(), v->vy());
+        double speed = std::hypot(d.x, d.y);
+        arrows.push_back({{"pose", pose(at->x, at->y, 0.1, std::atan2(d.y, d.x))},
+                          {"shaft_length", speed},
+                          {"shaft_diameter", 0.1},
+                          {"head_length", 0.3},
+                          {"head_diameter", 0.3},
+                          {"color", color(cls, 1)}});
+    }
+    if (at) {
+        texts.push_back({{"pose", pose(at->x, at->y, OBJECT_HEIGHT + 0.5)},
+                         {"billboard", true},
+                         {"font_size", 14},
+                         {"scale_invariant", true},
+                         {"color", color(cls, 1)},
+                         {"text", name + " #" + std::to_string(o.id())}});
+    }
+    return {{"timestamp", time_of(stamp_ns)},
+            {"frame_id", RADAR_FRAME},
+            {"id", "object-" + std::to_string(o.id())},
+            {"lifetime", time_of(0)},
+            {"frame_locked", false},
+            {"metadata", json::array({{{"key", "class"}, {"value", name}}})},
+            {"arrows", arrows},
+            {"cubes", cubes},
+            {"spheres", json::array()},
+            {"cylinders", json::array()},
+            {"lines", lines},
+            {"triangles", json::array()},
+            {"texts", texts},
+            {"models", json::array()}};
+}
+
+}  // namespace
+
+std::string scene_update_json(const RadarScene::Scene& scene, const class_names_t& names,
+                              uint64_t stamp_ns) {
+    // Every update replaces the whole scene: objects that are gone go.
+    json update = {
+        {"deletions", json::array({{{"timestamp", time_of(stamp_ns)}, {"type", 1}, {"id", ""}}})},
+        {"entities", json::array()}};
+    for (const RadarScene::Object& o : scene.objects()) {
+        update["entities"].push_back(entity(o, names, stamp_ns));
+    }
+    return update.dump();
+}
+
+std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t& names,
+                            double delay_ms) {
+    json objects = json::array();
+    for (const RadarScene::Object& o : scene.objects()) {
+        std::optional<xy_t> at = position_of(o);
+        if (!at) {
+            continue;
+        }
+        int cls = class_of(o);
+        json object = {{"id", o.id()}, {"class", cls}, {"name", class_name(cls, names)},
+                       {"x", at->x},   {"y", at->y}};
+        if (o.has_bounding_box()) {
+            const RadarScene::BoundingBox& b = o.bounding_box();
+            xy_t p = from_forward_right(b.left(), b.top()), q = from_forward_right(b.right(), b.bottom());
+            object["box"] = {p.x, p.y, q.x, q.y};
+        }
+        if (o.has_polygon()) {
+            json outline = json::array();
+            for (const RadarScene::Point& point : o.polygon().points()) {
+                xy_t q = from_forward_right(point.x(), point.y());
+                outline.push_back({q.x, q.y});
+            }
+            object["outline"] = outline;
+        }
+        if (const RadarScene::Velocity* v = velocity_of(o)) {
+            xy_t d = from_forward_right(v->vx(), v->vy());
+            object["velocity"] = {d.x, d.y};
+        }
+        objects.push_back(object);
+    }
+    return json{{"time", scene.time()}, {"delay_ms", delay_ms}, {"objects", objects}}.dump();
+}
+
+std::optional<std::string> location_fix_json(const RadarScene::Scene& scene, uint64_t stamp_ns) {
+    bool known = false;
+    for (const RadarScene::Object& o : scene.objects()) {
+        known = known || o.has_geoposition();
+    }
+    if (!known) {
+        return std::nullopt;
+    }
+    // The device stands where an object at no distance would be.
+    RadarScene::Frame device;
+    RadarScene::FrameObject here;
+    here.set_position({0, 0, 0});
+    device.objects = {here};
+    RadarScene::addGeoLocation(device);
+    const auto& g = device.objects[0].geoposition;
+    return json{{"timestamp", time_of(stamp_ns)},
+                {"frame_id", RADAR_FRAME},
+                {"latitude", g.latitude},
+                {"longitude", g.longitude},
+                {"altitude", g.elevation.value_or(0)},
+                {"position_covariance", json::array({0, 0, 0, 0, 0, 0, 0, 0, 0})},
+                {"position_covariance_type", 0}}
+        .dump();
+}
