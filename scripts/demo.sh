@@ -3,22 +3,25 @@
 # geolocation service, the demo producer pushing synthetic radar frames
 # through a Sink, and radarscene-sub showing the stream as summaries and as
 # statistics. With --mqtt the broker topics go to a private mosquitto broker
-# instead of files, and a few of their data items are shown.
-# Usage: scripts/demo.sh [--mqtt]
+# instead of files, and a few of their data items are shown. With --view
+# radarscene-view shows the stream live in a browser until Ctrl-C.
+# Usage: scripts/demo.sh [--mqtt | --view]
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 mqtt=false
+view=false
 case ${1:-} in
 --mqtt) mqtt=true ;;
+--view) view=true ;;
 "") ;;
-*) echo "usage: scripts/demo.sh [--mqtt]" >&2; exit 2 ;;
+*) echo "usage: scripts/demo.sh [--mqtt | --view]" >&2; exit 2 ;;
 esac
 "$root/scripts/install-deps.sh"
 
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$root/build" --parallel "$(nproc)" \
-    --target radarscene-demo-producer radarscene-sub radarscene-geosim >/dev/null
+    --target radarscene-demo-producer radarscene-sub radarscene-geosim radarscene-view >/dev/null
 tools=$root/build/tools
 
 work=$(mktemp -d /tmp/radarscene-demo-XXXXXX)
@@ -59,6 +62,17 @@ fi
 pids+=($!)
 "$tools/radarscene-demo-producer" --rate 20 &
 pids+=($!)
+
+if $view; then
+    port=${RADARSCENE_VIEW_PORT:-8765}
+    echo
+    echo "== radarscene-view: open http://127.0.0.1:$port/ in a browser (Foxglove:"
+    echo "   ws://127.0.0.1:$port/); Ctrl-C stops the demo"
+    "$tools/radarscene-view" --wait 10 --listen "127.0.0.1:$port" --web-root "$root/tools/view/web" &
+    pids+=($!)
+    wait "${pids[-1]}" || true
+    exit 0
+fi
 
 echo
 echo "== radarscene-sub --summary --geo --count 20"

@@ -25,9 +25,11 @@ lintian --fail-on error --suppress-tags debug-file-with-no-debug-symbols "${debs
     >"$work/lintian.log" || fail "lintian: $(grep '^E:' "$work/lintian.log")"
 
 holds() { dpkg-deb -c "$1" | awk '{print $6}' | grep -qx "./$2" || fail "$(basename "$1") lacks $2"; }
-for tool in radarscene-sub radarscene-replay radarscene-geosim radarscene-demo-producer; do
+for tool in radarscene-sub radarscene-replay radarscene-geosim radarscene-demo-producer \
+    radarscene-view; do
     holds "${debs[2]}" "usr/share/man/man1/$tool.1.gz"
 done
+holds "${debs[2]}" usr/share/radarscene/view/index.html
 holds "${debs[2]}" usr/share/dbus-1/system.d/com.tessel.GeoLocation1.conf
 holds "${debs[0]}" usr/share/dbus-1/system.d/com.tessel.RadarSceneProvider1.conf
 holds "${debs[3]}" usr/lib/python3/dist-packages/radarscene/scene_pb2.py

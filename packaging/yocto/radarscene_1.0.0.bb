@@ -13,7 +13,7 @@ S = "${WORKDIR}/git"
 # The device's own broker client and access-policy libraries are linked
 # instead of the development stand-ins.
 DEPENDS = "sdbus-c++ sdbus-c++-tools-native protobuf protobuf-native \
-           nlohmann-json systemd zstd lz4 zlib permo2 tessel-os-varro"
+           nlohmann-json systemd zstd lz4 zlib libwebsockets permo2 tessel-os-varro"
 
 inherit cmake pkgconfig python3-dir
 
@@ -28,8 +28,8 @@ EXTRA_OECMAKE = " \
 
 PACKAGES =+ "${PN}-tools python3-${PN}"
 FILES:${PN} += "${datadir}/dbus-1/system.d/com.tessel.RadarSceneProvider1.conf"
-FILES:${PN}-dev += "${datadir}/radarscene ${datadir}/dbus-1/interfaces ${libdir}/cmake"
-FILES:${PN}-tools = "${bindir} ${docdir}/radarscene/examples ${mandir}/man1 \
+FILES:${PN}-dev += "${datadir}/radarscene/scene.proto ${datadir}/dbus-1/interfaces ${libdir}/cmake"
+FILES:${PN}-tools = "${bindir} ${docdir}/radarscene/examples ${mandir}/man1 ${datadir}/radarscene/view \
                      ${datadir}/dbus-1/system.d/com.tessel.GeoLocation1.conf"
 RDEPENDS:${PN}-tools = "${PN}"
 FILES:python3-${PN} = "${PYTHON_SITEPACKAGES_DIR}/radarscene"

@@ -1,8 +1,6 @@
 #include "recorder.h"
 
-#include <radarscene/scene.pb.h>
-
-#include <google/protobuf/descriptor.pb.h>
+#include "scenedescriptor.h"
 
 #include <arpa/inet.h>
 
@@ -42,14 +40,6 @@ private:
     std::string path_;
     std::ofstream out_;
 };
-
-// The schema that MCAP readers decode the scenes with: the descriptor of
-// scene.proto as compiled into the library.
-std::string scene_descriptor_set() {
-    google::protobuf::FileDescriptorSet set;
-    RadarScene::Scene::descriptor()->file()->CopyTo(set.add_file());
-    return set.SerializeAsString();
-}
 
 uint64_t wall_clock_ns() {
     timespec now;

@@ -13,6 +13,27 @@ bool is_id(const json& value) {
 
 }  // namespace
 
+std::string foxglove_base64(std::string_view bytes) {
+    static const char ALPHABET[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        uint32_t n = static_cast<uint8_t>(bytes[i]) << 16;
+        size_t left = bytes.size() - i;
+        if (left > 1) {
+            n |= static_cast<uint8_t>(bytes[i + 1]) << 8;
+        }
+        if (left > 2) {
+            n |= static_cast<uint8_t>(bytes[i + 2]);
+        }
+        out += ALPHABET[n >> 18];
+        out += ALPHABET[(n >> 12) & 63];
+        out += left > 1 ? ALPHABET[(n >> 6) & 63] : '=';
+        out += left > 2 ? ALPHABET[n & 63] : '=';
+    }
+    return out;
+}
+
 std::string foxglove_server_info(const std::string& name) {
     return json{{"op", "serverInfo"},
                 {"name", name},
@@ -92,8 +113,8 @@ std::vector<std::string> FoxgloveSession::handleText(std::string_view text,
         for (const json& id : request["subscriptionIds"]) {
             if (!is_id(id) || !subscriptions_.erase(id.get<uint32_t>())) {
                 replies.push_back(foxglove_status(
-                    FOXGLOVE_WARNING, "no subscription " + id.dump(-1, ' ', false,
-                                                                   json::error_handler_t::replace)));
+                    FOXGLOVE_WARNING,
+                    "no subscription " + id.dump(-1, ' ', false, json::error_handler_t::replace)));
             }
         }
     } else if (op == "subscribe" || op == "unsubscribe") {

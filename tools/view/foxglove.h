@@ -17,12 +17,14 @@ enum foxglove_status_level_t { FOXGLOVE_INFO = 0, FOXGLOVE_WARNING = 1, FOXGLOVE
 struct foxglove_channel_t {
     uint32_t id = 0;
     std::string topic;
-    std::string encoding;         // of the messages: "protobuf", "json"
+    std::string encoding;  // of the messages: "protobuf", "json"
     std::string schema_name;
     std::string schema;           // base64 for protobuf, the text otherwise
     std::string schema_encoding;  // "protobuf", "jsonschema"
 };
 
+// Protobuf schemas travel in base64.
+std::string foxglove_base64(std::string_view bytes);
 std::string foxglove_server_info(const std::string& name);
 std::string foxglove_advertise(const std::vector<foxglove_channel_t>& channels);
 std::string foxglove_status(foxglove_status_level_t level, const std::string& message);

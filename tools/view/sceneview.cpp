@@ -69,9 +69,9 @@ json vec(double x, double y, double z) {
 }
 
 json pose(double x, double y, double z, double yaw = 0) {
-    return {{"position", vec(x, y, z)},
-            {"orientation",
-             {{"x", 0}, {"y", 0}, {"z", std::sin(yaw / 2)}, {"w", std::cos(yaw / 2)}}}};
+    return {
+        {"position", vec(x, y, z)},
+        {"orientation", {{"x", 0}, {"y", 0}, {"z", std::sin(yaw / 2)}, {"w", std::cos(yaw / 2)}}}};
 }
 
 json entity(const RadarScene::Object& o, const class_names_t& names, uint64_t stamp_ns) {
@@ -162,11 +162,15 @@ std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t&
             continue;
         }
         int cls = class_of(o);
-        json object = {{"id", o.id()}, {"class", cls}, {"name", class_name(cls, names)},
-                       {"x", at->x},   {"y", at->y}};
+        json object = {{"id", o.id()},
+                       {"class", cls},
+                       {"name", class_name(cls, names)},
+                       {"x", at->x},
+                       {"y", at->y}};
         if (o.has_bounding_box()) {
             const RadarScene::BoundingBox& b = o.bounding_box();
-            xy_t p = from_forward_right(b.left(), b.top()), q = from_forward_right(b.right(), b.bottom());
+            xy_t p = from_forward_right(b.left(), b.top()),
+                 q = from_forward_right(b.right(), b.bottom());
             object["box"] = {p.x, p.y, q.x, q.y};
         }
         if (o.has_polygon()) {
@@ -205,8 +209,103 @@ std::optional<std::string> location_fix_json(const RadarScene::Scene& scene, uin
                 {"frame_id", RADAR_FRAME},
                 {"latitude", g.latitude},
                 {"longitude", g.longitude},
-                {"altitude", g.elevation.value_or(0)},
+                {"altitude", g.elevation},
                 {"position_covariance", json::array({0, 0, 0, 0, 0, 0, 0, 0, 0})},
                 {"position_covariance_type", 0}}
         .dump();
 }
+
+// The schemas below describe the JSON that the functions above write.
+const char* const SCENE_UPDATE_SCHEMA = R"json({
+  "title": "foxglove.SceneUpdate",
+  "description": "Entities to draw in a 3-D scene: every update deletes all earlier entities, then adds one entity per radar object",
+  "$defs": {
+    "time": {"type": "object", "properties": {"sec": {"type": "integer"}, "nsec": {"type": "integer"}}},
+    "vector3": {"type": "object", "properties": {"x": {"type": "number"}, "y": {"type": "number"}, "z": {"type": "number"}}},
+    "pose": {"type": "object", "properties": {
+      "position": {"$ref": "#/$defs/vector3"},
+      "orientation": {"type": "object", "properties": {"x": {"type": "number"}, "y": {"type": "number"}, "z": {"type": "number"}, "w": {"type": "number"}}}}},
+    "color": {"type": "object", "properties": {"r": {"type": "number"}, "g": {"type": "number"}, "b": {"type": "number"}, "a": {"type": "number"}}}
+  },
+  "type": "object",
+  "properties": {
+    "deletions": {"type": "array", "items": {"type": "object", "properties": {
+      "timestamp": {"$ref": "#/$defs/time"}, "type": {"type": "integer", "description": "0: the entity named by id, 1: all entities"}, "id": {"type": "string"}}}},
+    "entities": {"type": "array", "items": {"type": "object", "properties": {
+      "timestamp": {"$ref": "#/$defs/time"},
+      "frame_id": {"type": "string"},
+      "id": {"type": "string"},
+      "lifetime": {"$ref": "#/$defs/time"},
+      "frame_locked": {"type": "boolean"},
+      "metadata": {"type": "array", "items": {"type": "object", "properties": {"key": {"type": "string"}, "value": {"type": "string"}}}},
+      "arrows": {"type": "array", "items": {"type": "object", "properties": {
+        "pose": {"$ref": "#/$defs/pose"}, "shaft_length": {"type": "number"}, "shaft_diameter": {"type": "number"},
+        "head_length": {"type": "number"}, "head_diameter": {"type": "number"}, "color": {"$ref": "#/$defs/color"}}}},
+      "cubes": {"type": "array", "items": {"type": "object", "properties": {
+        "pose": {"$ref": "#/$defs/pose"}, "size": {"$ref": "#/$defs/vector3"}, "color": {"$ref": "#/$defs/color"}}}},
+      "spheres": {"type": "array"},
+      "cylinders": {"type": "array"},
+      "lines": {"type": "array", "items": {"type": "object", "properties": {
+        "type": {"type": "integer", "description": "0: strip, 1: loop, 2: list"}, "pose": {"$ref": "#/$defs/pose"},
+        "thickness": {"type": "number"}, "scale_invariant": {"type": "boolean"},
+        "points": {"type": "array", "items": {"$ref": "#/$defs/vector3"}}, "color": {"$ref": "#/$defs/color"},
+        "colors": {"type": "array"}, "indices": {"type": "array"}}}},
+      "triangles": {"type": "array"},
+      "texts": {"type": "array", "items": {"type": "object", "properties": {
+        "pose": {"$ref": "#/$defs/pose"}, "billboard": {"type": "boolean"}, "font_size": {"type": "number"},
+        "scale_invariant": {"type": "boolean"}, "color": {"$ref": "#/$defs/color"}, "text": {"type": "string"}}}},
+      "models": {"type": "array"}
+    }}}
+  }
+})json";
+
+const char* const SCENE_VIEW_SCHEMA = R"json({
+  "title": "radarscene.SceneView",
+  "description": "A radar scene as the viewer's page draws it, in the frame radar (x forward, y left, metres)",
+                  "type" : "object", "properties" : {
+    "time" : {"type" : "integer", "description" : "the scene's own time, ns"},
+             "delay_ms"
+        : {"type" : "number", "description" : "from the producer's push to the viewer's reception"},
+          "objects" : {
+        "type" : "array", "items" : {
+            "type" : "object", "properties" : {
+                "id" : {"type" : "integer"},
+                       "class" : {"type" : "integer"},
+                                 "name" : {"type" : "string"},
+                                          "x" : {"type" : "number"},
+                                                "y" : {"type" : "number"},
+                                                      "box"
+                    : {
+                        "type" : "array",
+                        "items" : {"type" : "number"},
+                        "description" : "two opposite corners: x, y, x, y"
+                    },
+                      "outline" : {
+                          "type" : "array",
+                          "items" : {"type" : "array", "items" : {"type" : "number"}}
+                      },
+                                  "velocity" : {
+                    "type" : "array", "items" : {
+                        "type" : "number"
+                    }
+                }
+            }
+        }
+    }
+}
+})json";
+
+const char* const LOCATION_FIX_SCHEMA = R"json({
+  "title": "foxglove.LocationFix",
+  "description": "The device's position on the earth",
+  "type": "object",
+  "properties": {
+    "timestamp": {"type": "object", "properties": {"sec": {"type": "integer"}, "nsec": {"type": "integer"}}},
+    "frame_id": {"type": "string"},
+    "latitude": {"type": "number"},
+    "longitude": {"type": "number"},
+    "altitude": {"type": "number"},
+    "position_covariance": {"type": "array", "items": {"type": "number"}, "minItems": 9, "maxItems": 9},
+    "position_covariance_type": {"type": "integer"}
+  }
+})json";

@@ -1,0 +1,41 @@
+// The viewer's page in a real browser: Debian's chromium, headless, driven
+// by puppeteer-core. Waits until the page has drawn scenes, keeps a
+// screenshot, and prints one JSON line: what the page says it drew, its
+// status line, and how many pixels carry the objects' colours.
+// Usage: node view_page.mjs <url> <screenshot.png>
+import puppeteer from "puppeteer-core";
+
+const [url, screenshot] = process.argv.slice(2);
+const browser = await puppeteer.launch({
+  executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
+  headless: true,
+  args: ["--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"],
+});
+try {
+  const page = await browser.newPage();
+  await page.setViewport({ width: 900, height: 700 });
+  await page.goto(url);
+  await page.waitForFunction(
+    () =>
+      window.radarView.drawn.objects.length > 0 &&
+      !document.getElementById("status").textContent.startsWith("0.0"),
+    { timeout: 20000 },
+  );
+  const drawn = await page.evaluate(() => window.radarView.drawn);
+  const status = await page.$eval("#status", (element) => element.textContent);
+  await page.screenshot({ path: screenshot });
+  const coloured = await page.evaluate(() => {
+    const canvas = document.getElementById("radar");
+    const pixels = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data;
+    let count = 0;
+    for (let i = 0; i < pixels.length; i += 4) {
+      const [r, g, b] = [pixels[i], pixels[i + 1], pixels[i + 2]];
+      // The classes of the demo: green and orange.
+      if ((g > 150 && r < 120 && b < 120) || (r > 200 && g > 140 && b < 90)) count++;
+    }
+    return count;
+  });
+  console.log(JSON.stringify({ drawn, status, coloured }));
+} finally {
+  await browser.close();
+}

@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# radarscene-view against clients that nobody here wrote: the Foxglove
+# WebSocket protocol's own JavaScript client, a flood of bad and many
+# connections, and the page in headless chromium.
+# Usage: view_test.sh <build dir> <bus configuration template>
+set -euo pipefail
+
+build=$1
+tools=$build/tools
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+source "$here/testlib.sh"
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+    echo "SKIPPED: needs node and npm"
+    exit 77
+fi
+(cd "$here/js" && npm ci --no-audit --no-fund --ignore-scripts >/dev/null 2>&1) ||
+    fail "npm ci in tests/js"
+
+sed "s|@DIR@|$work|" "$2" >"$work/bus.conf"
+start_bus "$work/bus.conf"
+export VARRO_DEV_DIR=$work/broker
+
+"$tools/radarscene-demo-producer" --rate 50 --objects 5 2>/dev/null &
+producer=$!
+pids+=($producer)
+"$tools/radarscene-view" --wait 10 --listen 127.0.0.1:0 --web-root "$here/../tools/view/web" \
+    2>"$work/view.log" &
+view=$!
+pids+=($view)
+for _ in $(seq 50); do grep -q serving "$work/view.log" && break; sleep 0.1; done
+port=$(sed -n 's|.*serving http://127.0.0.1:\([0-9]*\)/|\1|p' "$work/view.log")
+[[ -n $port ]] || fail "no address: $(cat "$work/view.log")"
+
+# The scenes reach the protocol's own client exactly as the provider sends
+# them to a subscriber with the same options, and every scene update has the
+# public schema's shape.
+"$tools/radarscene-sub" --count 150 --bbox --polygon --velocity --geo --record "$work/pushed" \
+    >/dev/null &
+subscriber=$!
+node "$here/js/view_client.mjs" "ws://127.0.0.1:$port/" 20 >"$work/client.json" ||
+    fail "the protocol's client"
+wait "$subscriber"
+/usr/bin/python3 - "$work/client.json" "$work/pushed" <<'EOF2' || fail "$(cat "$work/client.json")"
+import base64, json, struct, sys
+got = json.load(open(sys.argv[1]))
+data, pushed, at = open(sys.argv[2], "rb").read(), set(), 0
+while at + 4 <= len(data):
+    length = struct.unpack(">I", data[at:at + 4])[0]
+    pushed.add(data[at + 4:at + length])
+    at += length
+scenes = [base64.b64decode(s) for s in got["scenes"]]
+sys.exit(0 if not got["problems"] and scenes and all(s in pushed for s in scenes) else 1)
+EOF2
+
+# The page, in a real browser, draws the objects.
+node "$here/js/view_page.mjs" "http://127.0.0.1:$port/" "$build/view-screenshot.png" \
+    >"$work/page.json" || fail "the page in chromium"
+/usr/bin/python3 - "$work/page.json" <<'EOF2' || fail "page: $(cat "$work/page.json")"
+import json, sys
+page = json.load(open(sys.argv[1]))
+ok = page["drawn"]["objects"] == [100, 101, 102, 103, 104] and page["coloured"] > 500
+sys.exit(0 if ok and " scenes/s · 5 objects · push to display " in page["status"] else 1)
+EOF2
+
+# Bad input and load, at 100 scenes/s of 128 objects: answered or closed,
+# never a crash or a stall.
+kill -INT "$producer"
+wait "$producer"
+"$tools/radarscene-demo-producer" --rate 100 --objects 128 2>/dev/null &
+producer=$!
+pids+=($producer)
+node "$here/js/view_bad.mjs" "ws://127.0.0.1:$port/" 16 >"$work/bad.json" || fail "bad input"
+expected='{"malformed":true,"unknownOp":true,"noChannel":true,"binary":true,"oversized":true,"served":16,"refused":184,"stalledClosed":true,'
+[[ $(cat "$work/bad.json") == "$expected"* ]] || fail "bad input: $(cat "$work/bad.json")"
+grep -q '"answersAfterwards":true' "$work/bad.json" || fail "no answer after the load"
+
+# The provider goes away and comes back: the view follows it.
+gone() { grep -c "the provider went away; waiting for it to come back" "$work/view.log" || true; }
+before=$(gone)
+kill -INT "$producer"
+wait "$producer"
+for _ in $(seq 50); do (($(gone) > before)) && break; sleep 0.1; done
+(($(gone) > before)) || fail "the provider's going unnoticed: $(cat "$work/view.log")"
+"$tools/radarscene-demo-producer" --rate 50 --objects 5 2>/dev/null &
+pids+=($!)
+node "$here/js/view_client.mjs" "ws://127.0.0.1:$port/" 5 >/dev/null ||
+    fail "no scenes after the provider came back"
+kill -INT "$view"
+wait "$view" || fail "radarscene-view did not stop cleanly"
+echo "view: all checks passed"

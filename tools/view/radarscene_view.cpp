@@ -1,0 +1,193 @@
+// radarscene-view: shows a radar channel live, in a browser page of its own
+// and in any viewer that speaks the Foxglove WebSocket protocol.
+
+#include "foxglove.h"
+#include "scenedescriptor.h"
+#include "sceneview.h"
+#include "subscription.h"
+#include "toolutil.h"
+#include "viewserver.h"
+
+#include <radarscene/RadarScene.h>
+#include <radarscene/scene.pb.h>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+
+namespace {
+
+constexpr const char* USAGE = R"(Usage: radarscene-view [OPTION]...
+Subscribes to a channel of the radar scene provider on the system bus and
+shows it: a bird's-eye page at http://ADDRESS:PORT/, and the Foxglove
+WebSocket protocol on the same port for other viewers.
+
+      --channel N        radar channel (default 0)
+      --wait S           wait up to S seconds for the provider to appear
+      --listen ADDR:PORT where to serve (default 127.0.0.1:8765; port 0 picks
+                         a free one)
+      --max-clients N    viewers served at once (default 16)
+      --web-root DIR     the page's files (default )" RADARSCENE_VIEW_WEB_ROOT R"()
+  -h, --help             show this text and exit
+      --version          show the version and exit
+)";
+
+enum channel_id_t : uint32_t { SCENES = 1, SCENE_UPDATE = 2, LOCATION = 3, VIEW = 4 };
+
+struct options_t {
+    int channel = 0;
+    double wait = 0;
+    view_server_options_t server;
+};
+
+options_t parse_options(int argc, char** argv) {
+    enum { CHANNEL = 1, WAIT, LISTEN, MAX_CLIENTS, WEB_ROOT };
+    static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
+                                          {"wait", required_argument, nullptr, WAIT},
+                                          {"listen", required_argument, nullptr, LISTEN},
+                                          {"max-clients", required_argument, nullptr, MAX_CLIENTS},
+                                          {"web-root", required_argument, nullptr, WEB_ROOT},
+                                          {nullptr, 0, nullptr, 0}};
+    options_t options;
+    options.server.web_root = RADARSCENE_VIEW_WEB_ROOT;
+    tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
+        switch (option) {
+            case CHANNEL:
+                options.channel = static_cast<int>(tool_integer(value, "--channel", 0, 15));
+                break;
+            case WAIT:
+                options.wait = tool_number(value, "--wait", 0, 3600);
+                break;
+            case LISTEN: {
+                const char* colon = strrchr(value, ':');
+                if (!colon || colon == value) {
+                    tool_fail("--listen needs ADDRESS:PORT, not '%s'", value);
+                }
+                options.server.address.assign(value, static_cast<size_t>(colon - value));
+                options.server.port =
+                    static_cast<int>(tool_integer(colon + 1, "--listen", 0, 65535));
+                break;
+            }
+            case MAX_CLIENTS:
+                options.server.max_clients =
+                    static_cast<size_t>(tool_integer(value, "--max-clients", 1, 1000));
+                break;
+            case WEB_ROOT:
+                options.server.web_root = value;
+                break;
+        }
+    });
+    tool_no_arguments(argc, argv);
+    return options;
+}
+
+std::vector<foxglove_channel_t> channels(int radar) {
+    std::string prefix = "/radar/" + std::to_string(radar) + "/";
+    return {
+        {SCENES, prefix + "scene", "protobuf", "RadarScene.Scene",
+         foxglove_base64(scene_descriptor_set()), "protobuf"},
+        {SCENE_UPDATE, prefix + "scene_update", "json", "foxglove.SceneUpdate", SCENE_UPDATE_SCHEMA,
+         "jsonschema"},
+        {LOCATION, prefix + "location", "json", "foxglove.LocationFix", LOCATION_FIX_SCHEMA,
+         "jsonschema"},
+        {VIEW, prefix + "view", "json", "radarscene.SceneView", SCENE_VIEW_SCHEMA, "jsonschema"}};
+}
+
+uint64_t wall_clock_ns() {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// Hands one scene to the channels that have viewers, converting only for those.
+void show(ViewServer& server, const std::string& payload, const class_names_t& names) {
+    uint64_t received = tool_monotonic_ns();
+    uint64_t stamp = wall_clock_ns();
+    RadarScene::Scene scene;
+    if (!scene.ParseFromString(payload)) {
+        return;
+    }
+    if (server.wanted(SCENES)) {
+        server.publish(SCENES, stamp, payload);
+    }
+    if (server.wanted(SCENE_UPDATE)) {
+        server.publish(SCENE_UPDATE, stamp, scene_update_json(scene, names, stamp));
+    }
+    if (server.wanted(LOCATION)) {
+        if (auto fix = location_fix_json(scene, stamp)) {
+            server.publish(LOCATION, stamp, *fix);
+        }
+    }
+    if (server.wanted(VIEW)) {
+        double delay_ms = static_cast<double>(static_cast<int64_t>(received - scene.time())) / 1e6;
+        server.publish(VIEW, stamp, scene_view_json(scene, names, delay_ms));
+    }
+}
+
+// The subscriber's side, on a thread of its own: subscribes, hands every
+// scene to the server, follows the provider when it goes and comes back,
+// and stops the server on SIGINT or SIGTERM.
+void follow(ViewServer& server, const options_t& options, int stop_fd) {
+    std::map<std::string, bool> features{{"BOUNDINGBOX_ENABLED", true},
+                                         {"POLYGON_ENABLED", true},
+                                         {"VELOCITY_ENABLED", true},
+                                         {"GEOLOCATION_ENABLED", true}};
+    sd_bus* bus = tool_system_bus();
+    double wait = options.wait;
+    std::string payload;
+    while (auto subscription = tool_subscribe(bus, options.channel, features, wait, stop_fd)) {
+        server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(options.channel));
+        class_names_t names = tool_class_names(bus, options.channel, stop_fd);
+        bool stopped = false;
+        for (;;) {
+            pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
+            if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+                tool_fail("poll: %s", strerror(errno));
+            }
+            if ((stopped = fds[1].revents != 0)) {
+                break;
+            }
+            if (fds[0].revents && RadarScene::readSceneRecord(subscription->stream, payload) <= 0) {
+                break;
+            }
+            if (fds[0].revents) {
+                show(server, payload, names);
+            }
+        }
+        close(subscription->stream);
+        if (stopped) {
+            tool_unsubscribe(bus, subscription->session);
+            break;
+        }
+        fprintf(stderr, "radarscene-view: the provider went away; waiting for it to come back\n");
+        server.broadcast(FOXGLOVE_WARNING,
+                         "the radar scene provider went away; waiting for it to come back");
+        wait = -1;
+    }
+    sd_bus_flush_close_unref(bus);
+    server.stop();
+}
+
+int run(const options_t& options) {
+    int stop_fd = tool_stop_signals();
+    ViewServer server(options.server, channels(options.channel));
+    fprintf(stderr, "radarscene-view: serving http://%s:%d/\n", options.server.address.c_str(),
+            server.port());
+    std::thread subscriber([&] { follow(server, options, stop_fd); });
+    server.run();
+    subscriber.join();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    tool_init("radarscene-view");
+    const options_t options = parse_options(argc, argv);
+    return tool_run([&] { return run(options); });
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+// The viewer's server on libwebsockets, on one port: the page's files at
+// "/", and the Foxglove WebSocket protocol for the page and for other
+// viewers. Per viewer only the newest message of each subscription waits to
+// be sent, so a slow viewer never slows the others or the radar; a viewer
+// that takes nothing for a few seconds is disconnected.
+
+#include "foxglove.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct lws;
+struct lws_context;
+
+struct view_server_options_t {
+    std::string address = "127.0.0.1";
+    int port = 8765;  // 0 for any free port
+    std::string web_root;
+    size_t max_clients = 16;
+};
+
+class ViewServer {
+public:
+    // Listens at once; throws std::runtime_error when it cannot.
+    ViewServer(const view_server_options_t& options, std::vector<foxglove_channel_t> channels);
+    ~ViewServer();
+    ViewServer(const ViewServer&) = delete;
+    ViewServer& operator=(const ViewServer&) = delete;
+
+    int port() const { return port_; }
+    // Any thread: the newest message of a channel, for its subscribers.
+    void publish(uint32_t channel, uint64_t timestamp_ns, std::string payload);
+    // Any thread: a status message for every viewer.
+    void broadcast(foxglove_status_level_t level, const std::string& message);
+    // Any thread: whether some viewer subscribes to the channel.
+    bool wanted(uint32_t channel) const;
+    // Serves until stop() is called from another thread.
+    void run();
+    void stop();
+
+    struct viewer_t;
+    int callback(lws* wsi, int reason, void* user, void* in, size_t len);
+
+private:
+    void deliver();
+    void updateWanted();
+
+    view_server_options_t options_;
+    std::vector<foxglove_channel_t> channels_;
+    std::vector<uint32_t> channel_ids_;
+    lws_context* context_ = nullptr;
+    int port_ = 0;
+    std::map<lws*, std::unique_ptr<viewer_t>> viewers_;  // the service thread's own
+    std::atomic<bool> stopping_{false};
+    std::map<uint32_t, std::atomic<bool>> wanted_;
+
+    // Handed from other threads to the service thread.
+    mutable std::mutex inbox_mutex_;
+    std::map<uint32_t, std::pair<uint64_t, std::string>> inbox_;
+    std::vector<std::string> statuses_;
+};
