@@ -7,9 +7,7 @@ set -euo pipefail
 build=$(cd "$1" && pwd)
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$here/../tests/testlib.sh"
-sed "s|@DIR@|$work|" "$here/../tools/private-bus.conf.in" >"$work/bus.conf"
-start_bus "$work/bus.conf"
-export VARRO_DEV_DIR=$work/broker
+start_private_bus "$here/../tools/private-bus.conf.in"
 
 "$build/tools/radarscene-demo-producer" --rate 100 --objects 128 2>/dev/null &
 pids+=($!)

@@ -9,16 +9,8 @@ build=$1
 tools=$build/tools
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$here/testlib.sh"
-if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
-    echo "SKIPPED: needs node and npm"
-    exit 77
-fi
-(cd "$here/js" && npm ci --no-audit --no-fund --ignore-scripts >/dev/null 2>&1) ||
-    fail "npm ci in tests/js"
-
-sed "s|@DIR@|$work|" "$2" >"$work/bus.conf"
-start_bus "$work/bus.conf"
-export VARRO_DEV_DIR=$work/broker
+need_js_clients
+start_private_bus "$2"
 
 # Records of the scene stream as the format's own reader sees them.
 "$tools/radarscene-demo-producer" --rate 100 --objects 20 2>/dev/null &

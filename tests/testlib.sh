@@ -28,3 +28,22 @@ start_bus() {
     DBUS_SYSTEM_BUS_ADDRESS=$(head -n 1 "$work/address")
     export DBUS_SYSTEM_BUS_ADDRESS
 }
+
+# A private bus from the template $1 (tools/private-bus.conf.in), with the
+# development broker's files in the work folder.
+start_private_bus() {
+    sed "s|@DIR@|$work|" "$1" >"$work/bus.conf"
+    start_bus "$work/bus.conf"
+    export VARRO_DEV_DIR=$work/broker
+}
+
+# Installs the third-party JavaScript clients in tests/js from their lock
+# file, or skips the test (status 77) where node or npm is missing.
+need_js_clients() {
+    if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+        echo "SKIPPED: needs node and npm"
+        exit 77
+    fi
+    (cd "$(dirname "${BASH_SOURCE[0]}")/js" && npm ci --no-audit --no-fund --ignore-scripts \
+        >/dev/null 2>&1) || fail "npm ci in tests/js"
+}

@@ -11,9 +11,7 @@ python=/usr/bin/python3
 man=$(dirname "${BASH_SOURCE[0]}")/../tools/man
 source "$(dirname "${BASH_SOURCE[0]}")/testlib.sh"
 
-sed "s|@DIR@|$work|" "$2" >"$work/bus.conf"
-start_bus "$work/bus.conf"
-export VARRO_DEV_DIR=$work/broker
+start_private_bus "$2"
 
 # Reads the JSON lines of radarscene-sub and prints "time id,id,..." per
 # scene, after checking that every object has a box and no velocity.
