@@ -5,11 +5,11 @@
 #include "common/unique_fd.h"
 #include "geolocation/geoprojection.h"
 
-#include <cerrno>
-#include <cstring>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 #include <mutex>
 #include <system_error>
@@ -235,7 +235,8 @@ private:
             return;
         }
         sd_event_ptr event(raw_event);
-        sd_event_add_io(raw_event, nullptr, stop_fd_.get(), EPOLLIN, &OwnClientThread::on_stop, nullptr);
+        sd_event_add_io(raw_event, nullptr, stop_fd_.get(), EPOLLIN, &OwnClientThread::on_stop,
+                        nullptr);
         auto client = std::make_unique<GeoLocation>(raw_event);
         {
             std::unique_lock lock(current_mutex);

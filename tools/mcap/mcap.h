@@ -90,10 +90,10 @@ private:
 
 // What reading a file found beside its messages.
 struct mcap_read_report_t {
-    bool indexed = false;   // the summary's chunk indexes were used
-    uint64_t cut_at = 0;    // without an index: where the last whole record ends
-    size_t chunks = 0;      // chunks read
-    size_t bad_chunks = 0;  // chunks skipped: wrong CRC, undecodable, too big
+    bool indexed = false;         // the summary's chunk indexes were used
+    uint64_t cut_at = 0;          // without an index: where the last whole record ends
+    size_t chunks = 0;            // chunks read
+    size_t bad_chunks = 0;        // chunks skipped: wrong CRC, undecodable, too big
     uint64_t other_messages = 0;  // in the chunks read, but of channels not asked for
 };
 

@@ -55,17 +55,17 @@ ViewServer::ViewServer(const view_server_options_t& options,
         wanted_[c.id] = false;
     }
     lws_set_log_level(LLL_ERR, log_line);
-    static lws_http_mount mount{};
-    mount.mountpoint = "/";
-    mount.mountpoint_len = 1;
-    mount.origin = options_.web_root.c_str();
-    mount.def = "index.html";
-    mount.origin_protocol = LWSMPRO_FILE;
+    mount_ = std::make_unique<lws_http_mount>();
+    mount_->mountpoint = "/";
+    mount_->mountpoint_len = 1;
+    mount_->origin = options_.web_root.c_str();
+    mount_->def = "index.html";
+    mount_->origin_protocol = LWSMPRO_FILE;
     lws_context_creation_info info{};
     info.port = options_.port;
     info.iface = options_.address.c_str();
     info.protocols = PROTOCOLS;
-    info.mounts = &mount;
+    info.mounts = mount_.get();
     info.user = this;
     info.options = LWS_SERVER_OPTION_VALIDATE_UTF8;
     context_ = lws_create_context(&info);

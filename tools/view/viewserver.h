@@ -18,6 +18,7 @@
 
 struct lws;
 struct lws_context;
+struct lws_http_mount;
 
 struct view_server_options_t {
     std::string address = "127.0.0.1";
@@ -55,6 +56,7 @@ private:
     view_server_options_t options_;
     std::vector<foxglove_channel_t> channels_;
     std::vector<uint32_t> channel_ids_;
+    std::unique_ptr<lws_http_mount> mount_;  // the page's files, for the context's lifetime
     lws_context* context_ = nullptr;
     int port_ = 0;
     std::map<lws*, std::unique_ptr<viewer_t>> viewers_;  // the service thread's own
