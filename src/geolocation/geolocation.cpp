@@ -8,9 +8,9 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
-
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -200,6 +200,7 @@ namespace {
 // project, and a replacement waits for them before it destroys a client.
 std::shared_mutex current_mutex;
 std::unique_ptr<GeoLocation> current_client;
+uint64_t current_generation = 0;  // counts installations; names the current one
 const GeoLocation* own_client = nullptr;
 
 // The client of a process that never installed one (a consumer without a
@@ -260,22 +261,22 @@ OwnClientThread own_client_thread;
 
 }  // namespace
 
-void geolocation_set_current(std::unique_ptr<GeoLocation> client) {
+uint64_t geolocation_set_current(std::unique_ptr<GeoLocation> client) {
     std::unique_ptr<GeoLocation> previous;
-    {
-        std::unique_lock lock(current_mutex);
-        previous = std::exchange(current_client, std::move(client));
-    }
+    std::unique_lock lock(current_mutex);
+    previous = std::exchange(current_client, std::move(client));
+    uint64_t generation = ++current_generation;
+    lock.unlock();
+    return generation;
 }
 
-void geolocation_remove_current(const GeoLocation* client) {
+void geolocation_remove_current(uint64_t generation) {
     std::unique_ptr<GeoLocation> removed;
-    {
-        std::unique_lock lock(current_mutex);
-        if (current_client.get() == client) {
-            removed = std::move(current_client);
-        }
+    std::unique_lock lock(current_mutex);
+    if (current_generation == generation) {
+        removed = std::move(current_client);
     }
+    lock.unlock();
 }
 
 GeoLocationReader::GeoLocationReader() : lock_(current_mutex), client_(current_client.get()) {

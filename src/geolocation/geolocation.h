@@ -50,12 +50,12 @@ private:
 };
 
 // Installs the process-wide client used by the projection. The previous one
-// is destroyed once no reader holds it.
-void geolocation_set_current(std::unique_ptr<GeoLocation> client);
+// is destroyed once no reader holds it. Returns the installation's number.
+uint64_t geolocation_set_current(std::unique_ptr<GeoLocation> client);
 
-// Destroys the process-wide client if it is still `client`: a Sink takes
-// its client off its event loop when it goes.
-void geolocation_remove_current(const GeoLocation* client);
+// Destroys the process-wide client if it is still the one installed as
+// `generation`: a Sink takes its client off its event loop when it goes.
+void geolocation_remove_current(uint64_t generation);
 
 // A reader's hold on the process-wide client: the client it names stays
 // alive while the reader lives. A process that never installed a client

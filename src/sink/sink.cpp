@@ -59,7 +59,7 @@ struct Sink::Impl {
     API::SdBusCpp::ProviderScene provider;
     varro_publisher_t publisher;
     sd_event_source_ptr timer;
-    const GeoLocation* geolocation = nullptr;  // installed for the process; not owned
+    uint64_t geolocation = 0;  // the installation of this Sink's geolocation client
 };
 
 namespace {
@@ -74,9 +74,7 @@ void add_topic(Sink::Impl& impl, const std::string& name, SceneProvider::VarroTo
 
 Sink::Sink(sdbus::IConnection& connection, sd_event* event, SinkConfig config)
     : impl_(std::make_unique<Impl>(connection, event, config)) {
-    auto client = std::make_unique<GeoLocation>(event);
-    impl_->geolocation = client.get();
-    geolocation_set_current(std::move(client));
+    impl_->geolocation = geolocation_set_current(std::make_unique<GeoLocation>(event));
 }
 
 // The client installed by this Sink, unless another Sink replaced it since,
