@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -129,20 +130,20 @@ void show(ViewServer& server, const std::string& payload, const class_names_t& n
     }
 }
 
-// The subscriber's side, on a thread of its own: subscribes, hands every
-// scene to the server, follows the provider when it goes and comes back,
-// and stops the server on SIGINT or SIGTERM.
-void follow(ViewServer& server, const options_t& options, int stop_fd) {
-    std::map<std::string, bool> features{{"BOUNDINGBOX_ENABLED", true},
-                                         {"POLYGON_ENABLED", true},
-                                         {"VELOCITY_ENABLED", true},
-                                         {"GEOLOCATION_ENABLED", true}};
-    sd_bus* bus = tool_system_bus();
-    double wait = options.wait;
+const std::map<std::string, bool> FEATURES{{"BOUNDINGBOX_ENABLED", true},
+                                           {"POLYGON_ENABLED", true},
+                                           {"VELOCITY_ENABLED", true},
+                                           {"GEOLOCATION_ENABLED", true}};
+
+// The subscriber's side, on a thread of its own: hands every scene to the
+// server, follows the provider when it goes and comes back, and stops the
+// server on SIGINT or SIGTERM.
+void follow(ViewServer& server, sd_bus* bus, int channel,
+            std::optional<tool_subscription_t> subscription, int stop_fd) {
     std::string payload;
-    while (auto subscription = tool_subscribe(bus, options.channel, features, wait, stop_fd)) {
-        server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(options.channel));
-        class_names_t names = tool_class_names(bus, options.channel, stop_fd);
+    while (subscription) {
+        server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(channel));
+        class_names_t names = tool_class_names(bus, channel, stop_fd);
         bool stopped = false;
         for (;;) {
             pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
@@ -167,9 +168,8 @@ void follow(ViewServer& server, const options_t& options, int stop_fd) {
         fprintf(stderr, "radarscene-view: the provider went away; waiting for it to come back\n");
         server.broadcast(FOXGLOVE_WARNING,
                          "the radar scene provider went away; waiting for it to come back");
-        wait = -1;
+        subscription = tool_subscribe(bus, channel, FEATURES, -1, stop_fd);
     }
-    sd_bus_flush_close_unref(bus);
     server.stop();
 }
 
@@ -178,9 +178,17 @@ int run(const options_t& options) {
     ViewServer server(options.server, channels(options.channel));
     fprintf(stderr, "radarscene-view: serving http://%s:%d/\n", options.server.address.c_str(),
             server.port());
-    std::thread subscriber([&] { follow(server, options, stop_fd); });
-    server.run();
-    subscriber.join();
+    // The first subscription is made here, so that its failure ends the tool
+    // before any other thread runs; the bus then belongs to the subscriber.
+    sd_bus* bus = tool_system_bus();
+    auto subscription = tool_subscribe(bus, options.channel, FEATURES, options.wait, stop_fd);
+    if (subscription) {
+        std::thread subscriber(
+            [&] { follow(server, bus, options.channel, std::move(subscription), stop_fd); });
+        server.run();
+        subscriber.join();
+    }
+    sd_bus_flush_close_unref(bus);
     return 0;
 }
 
