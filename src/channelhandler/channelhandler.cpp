@@ -50,6 +50,12 @@ int remove_sessions(channel_handler_t& handler, const std::vector<int>& ids) {
     return static_cast<int>(ids.size());
 }
 
+// The channel a push names, or null for a slot never filled.
+channel_t* channel_at(channel_handler_t& handler, int channel_index) {
+    RS_ASSERT(channel_index >= 0 && channel_index < MAX_CHANNELS);
+    return handler.channels[channel_index].get();
+}
+
 }  // namespace
 
 std::unique_ptr<channel_handler_t> channel_handler_create() {
@@ -134,18 +140,14 @@ int channel_handler_drain_broken_sessions(channel_handler_t& handler) {
 
 void channel_handler_push(channel_handler_t& handler, int channel_index,
                           const RadarScene::Frame& frame, unsigned long raw_mask) {
-    RS_ASSERT(channel_index >= 0 && channel_index < MAX_CHANNELS);
-    channel_t* channel = handler.channels[channel_index].get();
-    if (channel) {
+    if (channel_t* channel = channel_at(handler, channel_index)) {
         channel_push(*channel, frame, raw_mask);
     }
 }
 
 void channel_handler_try_push(channel_handler_t& handler, int channel_index,
                               const RadarScene::Frame& frame, unsigned long raw_mask) {
-    RS_ASSERT(channel_index >= 0 && channel_index < MAX_CHANNELS);
-    channel_t* channel = handler.channels[channel_index].get();
-    if (channel) {
+    if (channel_t* channel = channel_at(handler, channel_index)) {
         channel_try_push(*channel, frame, raw_mask);
     }
 }

@@ -64,6 +64,11 @@ struct Sink::Impl {
 
 namespace {
 
+void publish_to_topics(Sink::Impl& impl, int channel, const Frame& frame, unsigned long raw_mask) {
+    publish(impl.publisher, channel, frame, raw_mask,
+            [&impl] { return impl.provider.objectClassifications(); });
+}
+
 void add_topic(Sink::Impl& impl, const std::string& name, SceneProvider::VarroTopicKind kind,
                const SerializeFrameOptions& options) {
     varro_publisher_add_topic(impl.publisher, name, impl.provider.supportedChannel(), kind,
@@ -101,14 +106,12 @@ void Sink::setRawMask(unsigned long mask) {
 
 void Sink::push(int channel, const Frame& frame) {
     channel_handler_push(*impl_->handler, channel, frame, raw_mask);
-    publish(impl_->publisher, channel, frame, raw_mask,
-            [this] { return impl_->provider.objectClassifications(); });
+    publish_to_topics(*impl_, channel, frame, raw_mask);
 }
 
 void Sink::tryPush(int channel, const Frame& frame) {
     channel_handler_try_push(*impl_->handler, channel, frame, raw_mask);
-    publish(impl_->publisher, channel, frame, raw_mask,
-            [this] { return impl_->provider.objectClassifications(); });
+    publish_to_topics(*impl_, channel, frame, raw_mask);
 }
 
 void Sink::push(int channel, std::string_view data) {

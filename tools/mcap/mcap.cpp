@@ -207,7 +207,7 @@ McapWriter::McapWriter(const std::string& path, const std::string& library,
     std::string start(MAGIC, MAGIC_SIZE);
     start += record(OP_HEADER, out_t().str("").str(library).bytes);
     data_crc_ = crc(0, start);
-    emit(0, start);
+    put(start);
 }
 
 McapWriter::~McapWriter() {
@@ -221,9 +221,8 @@ McapWriter::~McapWriter() {
     }
 }
 
-// Appends bytes to the file; `opcode` 0 writes `content` as it is.
-void McapWriter::emit(uint8_t opcode, const std::string& content) {
-    std::string bytes = opcode ? record(opcode, content) : content;
+// Appends bytes to the file as they are.
+void McapWriter::put(std::string_view bytes) {
     for (size_t done = 0; done < bytes.size();) {
         ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno != EINTR) {
@@ -231,10 +230,15 @@ void McapWriter::emit(uint8_t opcode, const std::string& content) {
         }
         done += n > 0 ? static_cast<size_t>(n) : 0;
     }
-    if (opcode) {
-        data_crc_ = crc(data_crc_, bytes);
-    }
     offset_ += bytes.size();
+}
+
+// Appends a record of the data section, which its CRC covers.
+void McapWriter::emit(uint8_t opcode, const std::string& content) {
+    std::string header = out_t().u8(opcode).u64(content.size()).bytes;
+    put(header);
+    put(content);
+    data_crc_ = crc(crc(data_crc_, header), content);
 }
 
 uint16_t McapWriter::addSchema(const std::string& name, const std::string& encoding,
@@ -271,10 +275,16 @@ uint16_t McapWriter::addChannel(uint16_t schema_id, const std::string& topic,
 
 void McapWriter::write(const mcap_message_t& m) {
     chunk_index_[m.channel_id].emplace_back(m.log_time, chunk_.size());
-    chunk_ +=
-        record(OP_MESSAGE,
-               out_t().u16(m.channel_id).u32(m.sequence).u64(m.log_time).u64(m.publish_time).bytes +
-                   std::string(m.data));
+    // The record straight into the chunk: opcode, length, fields, data.
+    chunk_ += out_t()
+                  .u8(OP_MESSAGE)
+                  .u64(2 + 4 + 8 + 8 + m.data.size())
+                  .u16(m.channel_id)
+                  .u32(m.sequence)
+                  .u64(m.log_time)
+                  .u64(m.publish_time)
+                  .bytes;
+    chunk_.append(m.data);
     chunk_start_ = std::min(chunk_start_, m.log_time);
     chunk_end_ = std::max(chunk_end_, m.log_time);
     first_time_ = std::min(first_time_, m.log_time);
@@ -370,11 +380,11 @@ void McapWriter::finish() {
         offsets.bytes +=
             record(OP_SUMMARY_OFFSET, out_t().u8(opcode).u64(offset_).u64(group.size()).bytes);
         summary_crc = crc(summary_crc, group);
-        emit(0, group);
+        put(group);
     }
     uint64_t summary_offset_start = offset_;
     summary_crc = crc(summary_crc, offsets.bytes);
-    emit(0, offsets.bytes);
+    put(offsets.bytes);
     std::string footer = out_t()
                              .u8(OP_FOOTER)
                              .u64(FOOTER_CONTENT)
@@ -382,7 +392,8 @@ void McapWriter::finish() {
                              .u64(summary_offset_start)
                              .bytes;
     footer += out_t().u32(crc(summary_crc, footer)).bytes;
-    emit(0, footer + std::string(MAGIC, MAGIC_SIZE));
+    put(footer);
+    put(std::string_view(MAGIC, MAGIC_SIZE));
     int fd = std::exchange(fd_, -1);
     if (close(fd) < 0) {
         throw io_error("cannot write", path_);

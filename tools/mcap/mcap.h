@@ -4,8 +4,7 @@
 // tools record and replay: one or more schemas and channels, messages in
 // chunks (uncompressed, zstd or lz4) with their message indexes, and a
 // summary section with the schemas, channels, statistics and chunk indexes.
-// Written from the format's public specification; it knows nothing of the
-// radar or of D-Bus.
+// It knows nothing of the radar or of D-Bus.
 
 #include <cstdint>
 #include <functional>
@@ -69,6 +68,7 @@ public:
 
 private:
     void flushChunk();
+    void put(std::string_view bytes);
     void emit(uint8_t opcode, const std::string& content);
 
     int fd_ = -1;

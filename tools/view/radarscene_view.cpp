@@ -109,12 +109,13 @@ uint64_t wall_clock_ns() {
 void show(ViewServer& server, const std::string& payload, const class_names_t& names) {
     uint64_t received = tool_monotonic_ns();
     uint64_t stamp = wall_clock_ns();
-    RadarScene::Scene scene;
-    if (!scene.ParseFromString(payload)) {
-        return;
-    }
     if (server.wanted(SCENES)) {
         server.publish(SCENES, stamp, payload);
+    }
+    RadarScene::Scene scene;
+    bool converted = server.wanted(SCENE_UPDATE) || server.wanted(LOCATION) || server.wanted(VIEW);
+    if (!converted || !scene.ParseFromString(payload)) {
+        return;
     }
     if (server.wanted(SCENE_UPDATE)) {
         server.publish(SCENE_UPDATE, stamp, scene_update_json(scene, names, stamp));
