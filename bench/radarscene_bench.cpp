@@ -31,6 +31,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -491,20 +492,28 @@ void storm_section() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     if (!getenv("DBUS_SYSTEM_BUS_ADDRESS")) {
         fprintf(stderr,
                 "radarscene_bench: set DBUS_SYSTEM_BUS_ADDRESS to a bus it may own names on\n");
         return 1;
     }
+    // Sections named on the command line run alone; without names, all run.
+    auto wanted = [&](std::string_view name) {
+        return argc < 2 || std::find(argv + 1, argv + argc, name) != argv + argc;
+    };
     // The library's log lines (closed sessions) would drown the tables.
     int log = open("/dev/null", O_WRONLY);
     int saved = dup(STDERR_FILENO);
     dup2(log, STDERR_FILENO);
-    codec_section();
-    fanout_section();
-    slow_subscriber_section();
-    storm_section();
+    using section = std::pair<const char*, void (*)()>;
+    for (auto [name, run] :
+         {section{"codec", codec_section}, section{"fanout", fanout_section},
+          section{"stalled", slow_subscriber_section}, section{"storm", storm_section}}) {
+        if (wanted(name)) {
+            run();
+        }
+    }
     dup2(saved, STDERR_FILENO);
     printf("\npeak RSS %ld KiB\n", peak_rss_kib());
     return 0;

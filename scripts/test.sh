@@ -33,9 +33,11 @@ build "$root/build-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRADARSCENE_SANITIZE
 GTEST_FILTER='-*DeathTest*' TSAN_OPTIONS=halt_on_error=1 \
     ctest --test-dir "$root/build-tsan" --output-on-failure --parallel "$jobs"
 
-# The scene decoder and the tools' MCAP reader against arbitrary bytes:
-# libFuzzer with AddressSanitizer and UndefinedBehaviorSanitizer, built with
-# clang; the MCAP reader starts from a few small recordings.
+# The scene decoder and the tools' MCAP reader against arbitrary bytes, and
+# the scene writer against serializing the built message on frames drawn
+# from the input: libFuzzer with AddressSanitizer and
+# UndefinedBehaviorSanitizer, built with clang; the MCAP reader starts from a
+# few small recordings.
 cmake -S "$root/fuzz" -B "$root/build-fuzz" -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
 cmake --build "$root/build-fuzz" --parallel "$jobs"
 work=$(mktemp -d)
@@ -51,5 +53,6 @@ fuzz() {
     fi
     tail -n 2 "$work/$target.log"
 }
-fuzz deserializeframe_fuzz 45
+fuzz deserializeframe_fuzz 40
+fuzz serializeframe_fuzz 30
 fuzz mcapreader_fuzz 30 "$root/fuzz/corpus/mcap"

@@ -1,10 +1,12 @@
 #include "serializescene/serializescene.h"
 #include "support/fakedevice.h"
+#include "support/randomframe.h"
 #include "support/testutil.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <random>
 #include <thread>
 
 using namespace RadarScene;
@@ -285,4 +287,23 @@ TEST(SerializeFrame, ConcurrentCallersGetTheirOwnBytes) {
         thread.join();
     }
     EXPECT_EQ(mismatches, 0);
+}
+
+// The scene written straight from the frame against serializing the message
+// that convert_frame_to_scene builds, on frames that reach every corner.
+TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
+    std::mt19937 random(7);
+    word_source next = [&] { return static_cast<uint32_t>(random()); };
+    for (int i = 0; i < 3000; ++i) {
+        if (i % 1000 == 0) {
+            install_device(59.3, 18.1, 45.0 * i / 1000, i < 2000);
+        }
+        Frame frame = random_frame(next);
+        SerializeFrameOptions options = random_options(next);
+        Scene scene;
+        convert_frame_to_scene(scene, frame, options);
+        std::string expected;
+        ASSERT_TRUE(scene.SerializeToString(&expected));
+        ASSERT_EQ(serialize(frame, options), expected) << "frame " << i;
+    }
 }

@@ -2,6 +2,7 @@
 
 #include "common/rs_assert.h"
 #include "geolocation/geoprojection.h"
+#include "serializescene/scenewriter.h"
 
 #include <google/protobuf/arena.h>
 
@@ -50,8 +51,8 @@ block_pool& arena_blocks() {
     return *pool;
 }
 
-// The scene of every conversion lives on one arena that is reset after each
-// call, so the sending thread does not pay for many small allocations.
+// The scene of every decoding lives on one arena that is reset after each
+// call, so decoding does not pay for many small allocations.
 struct scene_codec {
     scene_codec() : arena(arena_options()) {}
     static google::protobuf::ArenaOptions arena_options() {
@@ -304,15 +305,11 @@ void convert_scene_to_frame(Frame& frame, const Scene& scene) {
     }
 }
 
+// Written straight from the frame: no shared state, so calls from any
+// thread run side by side.
 void RadarScene::serializeFrame(std::string& out, const Frame& frame,
                                 const SerializeFrameOptions& options) {
-    scene_codec& c = codec();
-    std::lock_guard lock(c.mutex);
-    Scene* scene = create_scene(c.arena);
-    convert_frame_to_scene(*scene, frame, options);
-    out.clear();
-    scene->SerializeToString(&out);
-    c.arena.Reset();
+    write_scene(out, frame, options);
 }
 
 Frame RadarScene::deserializeFrame(std::string_view bytes) {

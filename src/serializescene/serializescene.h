@@ -3,9 +3,10 @@
 #include <radarscene/RadarScene.h>
 #include <radarscene/scene.pb.h>
 
-// Conversions between the in-memory frame and the wire scene. The exported
-// serializeFrame/deserializeFrame wrap them under one process-wide mutex
-// and build the message on one shared arena.
+// Conversions between the in-memory frame and the wire scene message.
+// deserializeFrame wraps convert_scene_to_frame under one process-wide mutex
+// with the message on one shared arena; serializeFrame writes the same bytes
+// as serializing convert_frame_to_scene's message, without building it.
 void convert_frame_to_scene(RadarScene::Scene& scene, const RadarScene::Frame& frame,
                             const RadarScene::SerializeFrameOptions& options);
 void convert_scene_to_frame(RadarScene::Frame& frame, const RadarScene::Scene& scene);
