@@ -4,10 +4,12 @@
 //   2. fan-out through a Sink to subscribers that subscribed over D-Bus,
 //      against writing the same framed bytes to as many socket pairs;
 //   3. subscribers that stop reading: one of eight (push and tryPush), 31
-//      of 32, and a storm of subscription calls whose sessions stall.
+//      of 32, and a storm of subscription calls whose sessions stall;
+//   4. the producer's memory with a huge frame (run first, on a fresh heap).
 // Needs a bus for the provider: run it under dbus-run-session with
 // DBUS_SYSTEM_BUS_ADDRESS set to the session bus (see docs/BENCHMARKS.md).
 
+#include "sceneencoding/sceneencoding.h"
 #include "serializescene/serializescene.h"
 
 #include <radarscene/RadarScene.h>
@@ -18,16 +20,19 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -52,10 +57,42 @@ double cpu_seconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+double thread_cpu_us() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1e6 + static_cast<double>(t.tv_nsec) / 1e3;
+}
+
 long minor_faults() {
     rusage usage;
     getrusage(RUSAGE_SELF, &usage);
     return usage.ru_minflt;
+}
+
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM").
+long status_kib(const char* field) {
+    FILE* status = fopen("/proc/self/status", "r");
+    char line[256];
+    long kib = -1;
+    size_t length = strlen(field);
+    while (status && fgets(line, sizeof(line), status)) {
+        if (strncmp(line, field, length) == 0 && line[length] == ':') {
+            kib = atol(line + length + 1);
+        }
+    }
+    if (status) {
+        fclose(status);
+    }
+    return kib;
+}
+
+// Starts VmHWM over from the current resident size.
+void reset_peak_rss() {
+    FILE* refs = fopen("/proc/self/clear_refs", "w");
+    if (refs) {
+        fputs("5", refs);
+        fclose(refs);
+    }
 }
 
 long peak_rss_kib() {
@@ -105,8 +142,9 @@ double seconds_per_call(const std::function<void()>& body) {
 
 void codec_section() {
     printf("== serializeFrame / deserializeFrame (median per call)\n");
-    printf("%8s %8s %12s %12s %12s %12s %10s %10s %12s\n", "objects", "options", "serialize",
-           "heap build", "SerializeTo", "deserialize", "heap/ser", "ser/STS", "faults/call");
+    printf("%8s %8s %12s %12s %12s %12s %10s %10s %12s %12s %12s\n", "objects", "options",
+           "serialize", "heap build", "SerializeTo", "deserialize", "heap/ser", "ser/STS",
+           "faults/call", "encode", "assemble");
     for (int objects : {0, 16, 128, 512}) {
         for (bool all : {true, false}) {
             RadarScene::Frame frame = full_frame(objects);
@@ -134,9 +172,20 @@ void codec_section() {
             no_velocity.velocity = false;  // a 2-D velocity cannot be decoded
             RadarScene::serializeFrame(decodable, frame, no_velocity);
             double deserialize = seconds_per_call([&] { RadarScene::deserializeFrame(decodable); });
-            printf("%8d %8s %10.2fus %10.2fus %10.2fus %10.2fus %9.2fx %9.2fx %12.1f\n", objects,
-                   all ? "all" : "none", serialize * 1e6, heap * 1e6, serialize_only * 1e6,
-                   deserialize * 1e6, heap / serialize, serialize / serialize_only, faults);
+            // The sending path: the push encodes every part the options
+            // need, the sending thread assembles the scene from it.
+            scene_encoding_t encoding;
+            unsigned parts = object_parts_for(options);
+            double encode = seconds_per_call(
+                [&] { scene_encoding_fill(encoding, frame, options.filtered_classes, parts); });
+            double assemble =
+                seconds_per_call([&] { scene_encoding_assemble(out, encoding, options); });
+            printf(
+                "%8d %8s %10.2fus %10.2fus %10.2fus %10.2fus %9.2fx %9.2fx %12.1f %10.2fus "
+                "%10.2fus\n",
+                objects, all ? "all" : "none", serialize * 1e6, heap * 1e6, serialize_only * 1e6,
+                deserialize * 1e6, heap / serialize, serialize / serialize_only, faults,
+                encode * 1e6, assemble * 1e6);
         }
     }
 }
@@ -199,7 +248,7 @@ struct reader {
 };
 
 struct run_result {
-    summary push_us, delay_us;
+    summary push_us, push_cpu_us, delay_us;
     double max_gap_us = 0;  // of the readers that read to the end
     size_t delivered = 0, expected = 0;
     double cpu_per_frame_us = 0;
@@ -214,7 +263,7 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         r.start();
     }
     RadarScene::Frame frame = full_frame(objects);
-    std::vector<double> pushes;
+    std::vector<double> pushes, push_cpu;
     double cpu_before = cpu_seconds();
     auto next = clock_type::now();
     for (int i = 0; i < frames; ++i) {
@@ -225,7 +274,9 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         }
         frame.time = now_ns();
         auto start = clock_type::now();
+        double cpu_start = thread_cpu_us();
         push(frame);
+        push_cpu.push_back(thread_cpu_us() - cpu_start);
         pushes.push_back(
             std::chrono::duration<double, std::micro>(clock_type::now() - start).count());
     }
@@ -244,6 +295,7 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         result.expected += std::min<size_t>(static_cast<size_t>(frames), r.stop_after);
     }
     result.push_us = summarise(pushes);
+    result.push_cpu_us = summarise(push_cpu);
     result.delay_us = summarise(delays);
     result.cpu_per_frame_us = cpu * 1e6 / frames;
     return result;
@@ -284,15 +336,21 @@ struct producer {
     }
 };
 
-int subscribe(sd_bus* bus) {
+const std::vector<const char*> DEFAULT_FEATURES = {"BOUNDINGBOX_ENABLED", "VELOCITY_ENABLED",
+                                                   "POLYGON_ENABLED"};
+
+int subscribe(sd_bus* bus, const std::vector<const char*>& features = DEFAULT_FEATURES) {
     sd_bus_message* call = nullptr;
     sd_bus_message* reply = nullptr;
     sd_bus_message_new_method_call(bus, &call, "com.tessel.RadarSceneProvider1",
                                    "/com/tessel/RadarSceneProvider1",
                                    "com.tessel.RadarSceneProvider1.Scene", "SubscribeSocket");
     sd_bus_message_append(call, "ii", 3, 0);
-    sd_bus_message_append(call, "a{sb}", 3, "BOUNDINGBOX_ENABLED", 1, "VELOCITY_ENABLED", 1,
-                          "POLYGON_ENABLED", 1);
+    sd_bus_message_open_container(call, 'a', "{sb}");
+    for (const char* feature : features) {
+        sd_bus_message_append(call, "{sb}", feature, 1);
+    }
+    sd_bus_message_close_container(call);
     int fd = -1;
     int32_t session = -1;
     if (sd_bus_call(bus, call, 0, nullptr, &reply) >= 0 &&
@@ -375,10 +433,11 @@ run_result baseline_run(int subscribers, int objects, int frames, double rate) {
 
 void print_run(const char* what, const run_result& r) {
     printf(
-        "  %-9s push us p50 %8.1f p99 %8.1f max %9.1f | delay us p50 %8.1f p99 %8.1f max %9.1f"
-        " | delivered %6zu/%-6zu | cpu/frame %8.1f us\n",
-        what, r.push_us.p50, r.push_us.p99, r.push_us.max, r.delay_us.p50, r.delay_us.p99,
-        r.delay_us.max, r.delivered, r.expected, r.cpu_per_frame_us);
+        "  %-9s push us p50 %8.1f p99 %8.1f max %9.1f (thread cpu p99 %6.1f max %6.1f)"
+        " | delay us p50 %8.1f p99 %8.1f max %9.1f | delivered %6zu/%-6zu | cpu/frame %8.1f us\n",
+        what, r.push_us.p50, r.push_us.p99, r.push_us.max, r.push_cpu_us.p99, r.push_cpu_us.max,
+        r.delay_us.p50, r.delay_us.p99, r.delay_us.max, r.delivered, r.expected,
+        r.cpu_per_frame_us);
 }
 
 void fanout_section() {
@@ -411,6 +470,129 @@ void slow_subscriber_section() {
     run_result stalled = library_run(32, 128, 300, 100, 31);
     print_run("push", stalled);
     printf("  the reader that reads on: longest gap %.0f us\n", stalled.max_gap_us);
+}
+
+// Reads the streams in a child process, so that the readers' buffers do not
+// count in the producer's memory; returns the number of whole records read
+// once every stream has ended, through `result`.
+pid_t read_elsewhere(const std::vector<int>& fds, int result) {
+    pid_t child = fork();
+    if (child != 0) {
+        return child;
+    }
+    // Only system calls from here on: the parent's other threads are gone.
+    // Every other descriptor is closed, the producer's ends of the streams
+    // among them, so that the streams end when the producer closes them.
+    std::vector<int> keep(fds);
+    keep.push_back(result);
+    std::sort(keep.begin(), keep.end());
+    unsigned from = 3;
+    for (int fd : keep) {
+        if (static_cast<unsigned>(fd) > from) {
+            close_range(from, static_cast<unsigned>(fd) - 1, 0);
+        }
+        from = static_cast<unsigned>(fd) + 1;
+    }
+    close_range(from, ~0u, 0);
+    static char buffer[1 << 16];
+    std::vector<pollfd> polls;
+    std::vector<uint64_t> left(fds.size(), 0);  // bytes of the current record still to come
+    for (int fd : fds) {
+        polls.push_back({fd, POLLIN, 0});
+    }
+    uint64_t records = 0;
+    size_t open_streams = fds.size();
+    while (open_streams > 0 && poll(polls.data(), polls.size(), -1) > 0) {
+        for (size_t i = 0; i < polls.size(); ++i) {
+            if (polls[i].fd < 0 || !polls[i].revents) {
+                continue;
+            }
+            // A header is read whole: the record behind it is on its way.
+            ssize_t got =
+                left[i] ? read(polls[i].fd, buffer, std::min<uint64_t>(left[i], sizeof(buffer)))
+                        : recv(polls[i].fd, buffer, 4, MSG_WAITALL);
+            if (got <= 0) {
+                polls[i].fd = -1;
+                --open_streams;
+                continue;
+            }
+            if (left[i]) {
+                left[i] -= static_cast<uint64_t>(got);
+                records += left[i] == 0;
+            } else if (got == 4) {
+                uint32_t length;
+                memcpy(&length, buffer, 4);
+                left[i] = ntohl(length) - 4;
+            }
+        }
+    }
+    ssize_t ignored = write(result, &records, sizeof(records));
+    (void)ignored;
+    _exit(0);
+}
+
+void memory_section() {
+    constexpr int OBJECTS = 100'000, SUBSCRIBERS = 32, FRAMES = 10;
+    printf(
+        "\n== memory: %d objects, %d subscribers with three distinct option sets, %d frames"
+        " at 2 Hz\n",
+        OBJECTS, SUBSCRIBERS, FRAMES);
+    RadarScene::Frame frame = full_frame(OBJECTS);
+    std::string one;
+    RadarScene::SerializeFrameOptions all;
+    all.bounding_box = all.polygon = all.velocity = all.geolocation = true;
+    RadarScene::serializeFrame(one, frame, all);
+    size_t scene_kib = one.size() / 1024;
+    std::string().swap(one);
+    const std::vector<std::vector<const char*>> option_sets = {
+        DEFAULT_FEATURES,
+        {"BOUNDINGBOX_ENABLED", "VELOCITY_ENABLED", "POLYGON_ENABLED", "GEOLOCATION_ENABLED"},
+        {}};
+    long idle_kib, peak_kib, after_kib;
+    uint64_t delivered = 0;
+    {
+        auto p = std::make_unique<producer>();
+        sd_bus* bus = nullptr;
+        sd_bus_open_system(&bus);
+        std::vector<int> fds;
+        for (int i = 0; i < SUBSCRIBERS; ++i) {
+            fds.push_back(subscribe(bus, option_sets[static_cast<size_t>(i) % 3]));
+        }
+        int result[2];
+        if (pipe(result) < 0) {
+            return;
+        }
+        pid_t child = read_elsewhere(fds, result[1]);
+        for (int fd : fds) {
+            close(fd);
+        }
+        close(result[1]);
+        malloc_trim(0);
+        reset_peak_rss();
+        idle_kib = status_kib("VmRSS");
+        for (int i = 0; i < FRAMES; ++i) {
+            frame.time = now_ns();
+            p->sink->push(0, frame);
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        peak_kib = status_kib("VmHWM");
+        after_kib = status_kib("VmRSS");
+        sd_bus_flush_close_unref(bus);
+        p.reset();  // ends the streams
+        if (read(result[0], &delivered, sizeof(delivered)) != sizeof(delivered)) {
+            delivered = 0;
+        }
+        close(result[0]);
+        waitpid(child, nullptr, 0);
+    }
+    printf(
+        "  one serialized scene (all options) %zu KiB; producer RSS idle %ld KiB,"
+        " peak above idle %ld KiB (%.2fx the scene), a second after the last send %ld KiB"
+        " above idle; scenes delivered %llu/%d\n",
+        scene_kib, idle_kib, peak_kib - idle_kib,
+        static_cast<double>(peak_kib - idle_kib) / static_cast<double>(scene_kib),
+        after_kib - idle_kib, static_cast<unsigned long long>(delivered), FRAMES * SUBSCRIBERS);
 }
 
 // A call without arguments to the provider; its round trip in us.
@@ -508,8 +690,9 @@ int main(int argc, char** argv) {
     dup2(log, STDERR_FILENO);
     using section = std::pair<const char*, void (*)()>;
     for (auto [name, run] :
-         {section{"codec", codec_section}, section{"fanout", fanout_section},
-          section{"stalled", slow_subscriber_section}, section{"storm", storm_section}}) {
+         {section{"memory", memory_section}, section{"codec", codec_section},
+          section{"fanout", fanout_section}, section{"stalled", slow_subscriber_section},
+          section{"storm", storm_section}}) {
         if (wanted(name)) {
             run();
         }

@@ -1,7 +1,9 @@
-// Draws a frame and options from the input and checks that serializeFrame
-// writes exactly the bytes of serializing the message that
+// Draws a frame and options from the input and checks that serializeFrame,
+// and the scene the sending thread assembles from the frame's encoding,
+// are exactly the bytes of serializing the message that
 // convert_frame_to_scene builds; any difference aborts as a finding.
 
+#include "sceneencoding/sceneencoding.h"
 #include "serializescene/serializescene.h"
 #include "support/randomframe.h"
 
@@ -27,7 +29,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     scene.SerializeToString(&expected);
     std::string written;
     RadarScene::serializeFrame(written, frame, options);
-    if (written != expected) {
+    scene_encoding_t encoding;
+    scene_encoding_fill(encoding, frame, options.filtered_classes,
+                        next() | object_parts_for(options));
+    std::string assembled;
+    scene_encoding_assemble(assembled, encoding, options);
+    if (written != expected || assembled != expected) {
         abort();
     }
     return 0;

@@ -34,6 +34,13 @@ RadarScene::Frame boxed_frame(uint64_t time, size_t objects = 1) {
     return frame;
 }
 
+// The scene of `frame` with every part, as the sink would hand it over.
+void send(scene_sender_t& sender, const RadarScene::Frame& frame) {
+    scene_encoding_t encoding;
+    scene_encoding_fill(encoding, frame, 0, ~0u);
+    scene_sender_send(sender, encoding, {});
+}
+
 class SceneSender : public ::testing::Test {
 protected:
     SceneSender() {
@@ -57,7 +64,7 @@ protected:
 TEST_F(SceneSender, WritesOneLengthPrefixedRecordPerSession) {
     unique_fd peer = subscribe(0);
     RadarScene::Frame frame;  // time 0: payload is the two bytes 08 00
-    scene_sender_send(sender, frame, 0);
+    send(sender, frame);
     char bytes[16];
     ASSERT_EQ(read(peer.get(), bytes, sizeof(bytes)), 6);
     EXPECT_EQ(std::string(bytes, 6), std::string("\x00\x00\x00\x06\x08\x00", 6));
@@ -70,8 +77,8 @@ TEST_F(SceneSender, ClosedPeerIsReportedOnceAndOthersStillReceive) {
     unique_fd also_closed = subscribe(6);
     closed.reset();
     also_closed.reset();
-    scene_sender_send(sender, boxed_frame(1), 0);
-    scene_sender_send(sender, boxed_frame(2), 0);
+    send(sender, boxed_frame(1));
+    send(sender, boxed_frame(2));
 
     EXPECT_EQ(reported, (std::vector<int>{4, 6}));
     std::string comm = session_get_comm(*sender.session_list.front());
@@ -114,7 +121,7 @@ TEST_F(SceneSender, SlowReaderIsDroppedAtItsFirstLateRecord) {
     std::string payload;
     for (int sent = 0; sent < 4 && reported.empty(); ++sent) {
         std::thread fast_reader([&] { EXPECT_TRUE(read_record(fast.get(), payload)); });
-        scene_sender_send(sender, big, 0);
+        send(sender, big);
         fast_reader.join();
     }
     reading = false;
@@ -140,7 +147,7 @@ TEST_F(SceneSender, StalledSessionsTimeOutTogetherWithoutHoldingTheList) {
     std::string payload;
     std::thread reader([&] { EXPECT_TRUE(read_record(good.get(), payload)); });
     auto started = std::chrono::steady_clock::now();
-    std::thread send([&] { scene_sender_send(sender, big, 0); });
+    std::thread sending_thread([&] { send(sender, big); });
     auto sending = [&] {
         std::lock_guard lock(sender.mutex);
         return sender.sending;
@@ -150,7 +157,7 @@ TEST_F(SceneSender, StalledSessionsTimeOutTogetherWithoutHoldingTheList) {
     EXPECT_TRUE(scene_sender_remove_session(sender, 0));
     unique_fd late = subscribe(9);
     EXPECT_TRUE(sending());
-    send.join();
+    sending_thread.join();
     auto took = std::chrono::steady_clock::now() - started;
     reader.join();
 

@@ -42,7 +42,7 @@ protected:
 
     bool frame_pending() {
         std::lock_guard lock(sink->frame_mutex);
-        return sink->pending_frame != nullptr;
+        return sink->pending != nullptr;
     }
 
     int slot_tokens() {

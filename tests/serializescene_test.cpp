@@ -1,4 +1,5 @@
 #include "serializescene/serializescene.h"
+#include "sceneencoding/sceneencoding.h"
 #include "support/fakedevice.h"
 #include "support/randomframe.h"
 #include "support/testutil.h"
@@ -289,8 +290,10 @@ TEST(SerializeFrame, ConcurrentCallersGetTheirOwnBytes) {
     EXPECT_EQ(mismatches, 0);
 }
 
-// The scene written straight from the frame against serializing the message
-// that convert_frame_to_scene builds, on frames that reach every corner.
+// The scene written straight from the frame, and the scene assembled from
+// the frame's encoding (as the sending thread does), against serializing the
+// message that convert_frame_to_scene builds, on frames that reach every
+// corner.
 TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
     std::mt19937 random(7);
     word_source next = [&] { return static_cast<uint32_t>(random()); };
@@ -305,5 +308,13 @@ TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
         std::string expected;
         ASSERT_TRUE(scene.SerializeToString(&expected));
         ASSERT_EQ(serialize(frame, options), expected) << "frame " << i;
+
+        // Encoded with the parts these options need, or with every part.
+        scene_encoding_t encoding;
+        unsigned parts = i % 2 ? object_parts_for(options) : ~0u;
+        scene_encoding_fill(encoding, frame, options.filtered_classes, parts);
+        std::string assembled = "stale";
+        scene_encoding_assemble(assembled, encoding, options);
+        ASSERT_EQ(assembled, expected) << "frame " << i;
     }
 }

@@ -5,6 +5,7 @@
 #include "common/rs_assert.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -20,16 +21,15 @@ constexpr timeval SEND_TIMEOUT = {1, 0};
 // A record that is not fully written within this time breaks its session,
 // however much the subscriber reads meanwhile.
 constexpr int RECORD_TIMEOUT_MS = 1000;
+constexpr size_t TRIM_AFTER_BYTES = 8 << 20;
 
-RadarScene::SerializeFrameOptions session_options(const session_t& session,
-                                                  unsigned long raw_mask) {
+RadarScene::SerializeFrameOptions session_options(const session_t& session) {
     RadarScene::SerializeFrameOptions options;
     options.bounding_box = session_get_option1(session);
     options.polygon = session_get_option2(session);
     options.velocity = session_get_option3(session);
     options.geolocation = session_get_option4(session);
     options.raw = session_get_option5(session);
-    options.filtered_classes = static_cast<uint32_t>(raw_mask);
     return options;
 }
 
@@ -51,6 +51,30 @@ struct send_target_t {
     uint32_t header;
     iovec buffers[2];
 };
+
+// Called with the mutex held, whenever the list changes.
+void update_wanted_parts(scene_sender_t& sender) {
+    unsigned parts = 0;
+    for (const auto& session : sender.session_list) {
+        parts |= object_parts_for(session_options(*session));
+    }
+    sender.wanted_parts = parts;
+}
+
+// Frees the scenes of a send. After huge ones the allocator is asked to give
+// the memory back, which it otherwise keeps for reuse.
+void release_payloads(std::array<std::string, 32>& payloads) {
+    size_t bytes = 0;
+    for (std::string& payload : payloads) {
+        bytes += payload.capacity();
+        std::string().swap(payload);
+    }
+#ifdef __GLIBC__
+    if (bytes > TRIM_AFTER_BYTES) {
+        malloc_trim(0);
+    }
+#endif
+}
 
 const char* comm_or_unknown(const session_t& session) {
     const char* comm = session_get_comm(session);
@@ -83,6 +107,7 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);
     sender.session_list.push_back(std::move(session));
+    update_wanted_parts(sender);
     return 0;
 }
 
@@ -98,6 +123,7 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id) {
             } else {
                 sender.session_list.erase(it);
             }
+            update_wanted_parts(sender);
             return true;
         }
     }
@@ -120,20 +146,17 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
     return false;
 }
 
-void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
-                       unsigned long raw_mask) {
+void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
+                       const std::function<void()>& assembled) {
     std::vector<send_target_t> targets;
     std::vector<fd_write_t> writes;
     // Sessions with the same options get the same bytes: each distinct
-    // option set is serialized once per send.
+    // option set is assembled once per send.
     std::array<std::string, 32> payloads;
     std::array<RadarScene::SerializeFrameOptions, 32> options;
-    uint32_t serialized = 0;
+    uint32_t distinct = 0;
     {
         std::lock_guard lock(sender.mutex);
-        if (sender.session_list.empty()) {
-            return;
-        }
         for (auto& session_ptr : sender.session_list) {
             RS_ASSERT(session_ptr);
             session_t& session = *session_ptr;
@@ -142,21 +165,30 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
                 continue;
             }
             unsigned key = options_key(session);
-            if (!(serialized & (1u << key))) {
-                options[key] = session_options(session, raw_mask);
-                serialized |= 1u << key;
+            if (!(distinct & (1u << key))) {
+                options[key] = session_options(session);
+                if (!scene_encoding_serves(encoding, options[key])) {
+                    continue;
+                }
+                distinct |= 1u << key;
             }
             targets.push_back({&session, key, 0, {}});
             fd_write_t w;
             w.fd = session_get_fd(session);
             writes.push_back(w);
         }
-        sender.sending = true;
+        sender.sending = !targets.empty();
     }
     for (unsigned key = 0; key < payloads.size(); ++key) {
-        if (serialized & (1u << key)) {
-            RadarScene::serializeFrame(payloads[key], frame, options[key]);
+        if (distinct & (1u << key)) {
+            scene_encoding_assemble(payloads[key], encoding, options[key]);
         }
+    }
+    if (assembled) {
+        assembled();
+    }
+    if (targets.empty()) {
+        return;
     }
     for (size_t i = 0; i < targets.size(); ++i) {
         send_target_t& t = targets[i];
@@ -168,6 +200,8 @@ void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
         writes[i].count = 2;
     }
     writev_each(writes.data(), writes.size(), RECORD_TIMEOUT_MS);
+
+    release_payloads(payloads);
 
     bool any_broke = false;
     std::list<std::unique_ptr<session_t>> retired;

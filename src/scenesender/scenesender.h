@@ -1,10 +1,12 @@
 #pragma once
 
 #include "common/unique_fd.h"
+#include "sceneencoding/sceneencoding.h"
 #include "session/session.h"
 
 #include <radarscene/RadarScene.h>
 
+#include <atomic>
 #include <functional>
 #include <list>
 #include <memory>
@@ -25,6 +27,9 @@ struct scene_sender_t {
     std::function<void(int)> session_error_callback;
     bool sending = false;
     std::list<std::unique_ptr<session_t>> retired;
+    // The object parts that the sessions' options include, read by the
+    // producer without the mutex to encode only what is needed.
+    std::atomic<unsigned> wanted_parts{0};
 };
 
 void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback);
@@ -41,14 +46,16 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id);
 int scene_sender_get_num_sessions(const scene_sender_t& sender);
 bool scene_sender_has_session(const scene_sender_t& sender, int id);
 
-// Writes `frame` to every healthy session, serialized with that session's
-// options and `raw_mask` as the class filter. All sessions are written at
-// once, and a record not fully written within one second fails, so a send
-// takes at most about a second however many subscribers stall. Sessions
-// whose write fails are marked broken, reported once and passed to the error
-// callback.
-void scene_sender_send(scene_sender_t& sender, const RadarScene::Frame& frame,
-                       unsigned long raw_mask);
+// Writes the scene to every healthy session that the encoding serves,
+// assembled with that session's options (a session whose options the
+// encoding lacks subscribed after the frame was pushed, and gets the next
+// one). `assembled` runs once every distinct scene has been put together,
+// when the encoding is read no more. All sessions are written at once, and a
+// record not fully written within one second fails, so a send takes at most
+// about a second however many subscribers stall. Sessions whose write fails
+// are marked broken, reported once and passed to the error callback.
+void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
+                       const std::function<void()>& assembled);
 
 // Reports and closes the sessions newly marked broken; returns their number.
 int cleanup_broken_sessions(scene_sender_t& sender);

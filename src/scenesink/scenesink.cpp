@@ -3,6 +3,9 @@
 #include "common/rs_assert.h"
 #include "scenesender/scenesender.h"
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <cerrno>
 
 namespace {
@@ -17,16 +20,32 @@ void post(sem_t& semaphore) {
     RS_ASSERT(sem_post(&semaphore) == 0);
 }
 
-// Puts a copy of the frame into the pending slot; the caller holds
-// frame_mutex. Copying into a frame that already has storage (the one still
-// pending, or the one the worker handed back) reuses its vectors.
-void set_pending(scene_sink_t& sink, const RadarScene::Frame& frame, unsigned long raw_mask) {
-    if (!sink.pending_frame) {
-        sink.pending_frame =
-            sink.spare_frame ? std::move(sink.spare_frame) : std::make_unique<RadarScene::Frame>();
+// The frame's scene, encoded into the storage of the pending scene it is
+// about to replace, or of the spare, so that a producer running ahead of the
+// sending thread needs no more memory. Runs without a lock: pushes to one
+// sink are serialised by its channel.
+std::unique_ptr<scene_encoding_t> encode(scene_sink_t& sink, const RadarScene::Frame& frame,
+                                         unsigned long raw_mask) {
+    std::unique_ptr<scene_encoding_t> encoding;
+    {
+        std::lock_guard lock(sink.frame_mutex);
+        encoding = std::move(sink.pending ? sink.pending : sink.spare);
     }
-    *sink.pending_frame = frame;
-    sink.pending_raw_mask = raw_mask;
+    if (!encoding) {
+        encoding = std::make_unique<scene_encoding_t>();
+    }
+    scene_encoding_fill(*encoding, frame, static_cast<uint32_t>(raw_mask),
+                        sink.sender->wanted_parts);
+    return encoding;
+}
+
+// Puts `encoding` into the pending slot; the caller holds frame_mutex. A
+// scene it replaces becomes the spare.
+void set_pending(scene_sink_t& sink, std::unique_ptr<scene_encoding_t> encoding) {
+    std::swap(sink.pending, encoding);
+    if (encoding && !sink.spare) {
+        sink.spare = std::move(encoding);
+    }
 }
 
 }  // namespace
@@ -77,9 +96,10 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
         return;
     }
     wait(sink.slot_free);
+    std::unique_ptr<scene_encoding_t> encoding = encode(sink, frame, raw_mask);
     {
         std::lock_guard lock(sink.frame_mutex);
-        set_pending(sink, frame, raw_mask);
+        set_pending(sink, std::move(encoding));
     }
     post(sink.frame_ready);
 }
@@ -89,6 +109,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
     if (!sink.run_thread) {
         return;
     }
+    std::unique_ptr<scene_encoding_t> encoding = encode(sink, frame, raw_mask);
     bool got_slot;
     {
         // Without a free slot the other tokens are with the worker or in
@@ -96,7 +117,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
         // after this: taking needs frame_mutex, held here from the check on.
         std::lock_guard lock(sink.frame_mutex);
         got_slot = sem_trywait(&sink.slot_free) == 0;
-        set_pending(sink, frame, raw_mask);
+        set_pending(sink, std::move(encoding));
     }
     if (got_slot) {
         post(sink.frame_ready);
@@ -104,19 +125,29 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
 }
 
 void sink_thread_main(scene_sink_t& sink) {
+    // A batch thread never preempts the thread that wakes it, so the
+    // producer's push returns at once instead of waiting out a send that
+    // the scheduler started on its processor.
+    sched_param param{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
     while (sink.run_thread) {
         wait(sink.frame_ready);
-        std::unique_ptr<RadarScene::Frame> frame;
-        unsigned long raw_mask;
+        std::unique_ptr<scene_encoding_t> encoding;
         {
             std::lock_guard lock(sink.frame_mutex);
-            frame = std::move(sink.pending_frame);
-            raw_mask = sink.pending_raw_mask;
+            encoding = std::move(sink.pending);
         }
-        if (frame) {
-            scene_sender_send(*sink.sender, *frame, raw_mask);
-            std::lock_guard lock(sink.frame_mutex);
-            sink.spare_frame = std::move(frame);
+        if (encoding) {
+            // The encoding is kept as the spare as soon as the scenes are
+            // assembled, so a push during the writes reuses its storage.
+            scene_sender_send(*sink.sender, *encoding, [&] {
+                scene_encoding_trim(*encoding);
+                std::lock_guard lock(sink.frame_mutex);
+                if (!sink.spare) {
+                    sink.spare = std::move(encoding);
+                }
+            });
+            encoding.reset();
         }
         post(sink.slot_free);
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "sceneencoding/sceneencoding.h"
+
 #include <radarscene/RadarScene.h>
 
 #include <semaphore.h>
@@ -16,10 +18,12 @@ enum sink_state_t : int32_t {
     SINK_STATE_RUNNING = 1,
 };
 
-// Hands frames from the producer to a worker thread that sends them. The
-// single pending slot holds the newest frame not yet taken: a newer push
-// replaces it, so slow subscribers never make memory grow. `slot_free` lets
-// the producer run a few pushes ahead of the worker before it blocks.
+// Hands frames from the producer to a worker thread that sends them. A push
+// encodes the frame's scene (the parts the subscribers need, outside any
+// lock) and puts it into the single pending slot, which holds the newest
+// scene not yet taken: a newer push replaces it, so slow subscribers never
+// make memory grow. `slot_free` lets the producer run a few pushes ahead of
+// the worker before it blocks. One spare encoding is kept for its storage.
 struct scene_sink_t {
     ~scene_sink_t();
 
@@ -30,18 +34,17 @@ struct scene_sink_t {
     sem_t slot_free;
     sem_t frame_ready;
     std::mutex state_mutex;  // serialises start and stop
-    std::mutex frame_mutex;  // guards the three frame fields
-    std::unique_ptr<RadarScene::Frame> pending_frame;
-    unsigned long pending_raw_mask = 0;
-    std::unique_ptr<RadarScene::Frame> spare_frame;  // a sent frame, kept for its storage
+    std::mutex frame_mutex;  // guards the two encoding slots
+    std::unique_ptr<scene_encoding_t> pending;
+    std::unique_ptr<scene_encoding_t> spare;
 };
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender);
 void scene_sink_start(scene_sink_t& sink);
 // Stops and joins the worker; a frame it has already taken is still sent.
 void scene_sink_stop(scene_sink_t& sink);
-// Producer side: copies the frame into the pending slot and wakes the worker.
-// Drops the frame when the sink is not running.
+// Producer side: encodes the frame into the pending slot and wakes the
+// worker. Drops the frame when the sink is not running.
 void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigned long raw_mask);
 // As scene_sink_push, but never waits: when the producer is already as far
 // ahead as push allows, the frame just replaces the pending one, which the

@@ -57,7 +57,7 @@ template <class W>
 void put_labels(W& w, const FrameObject& o) {
     put_message(w, OBJECT_LABELS, [&](auto& labels) {
         for (const Classification& c : o.classifications) {
-            put_message(labels, 1, [&](auto& label) {
+            put_small_message(labels, 1, [&](auto& label) {
                 put_uint(label, 1, static_cast<uint32_t>(c.id));
                 if (c.confidence) {
                     put_float(label, 2, narrow(*c.confidence));
@@ -81,7 +81,7 @@ void put_head(W& w, const FrameObject& o) {
 template <class W>
 void put_bounding_box(W& w, const FrameObject& o) {
     const FrameObject::BoundingBox& b = o.bounding_box;
-    put_message(w, OBJECT_BOUNDING_BOX, [&](auto& box) {
+    put_small_message(w, OBJECT_BOUNDING_BOX, [&](auto& box) {
         put_plain_float(box, 1, narrow(b.x));
         put_plain_float(box, 2, narrow(b.y + b.height));
         put_plain_float(box, 3, narrow(b.x + b.width));
@@ -93,7 +93,8 @@ template <class W>
 void put_polygon(W& w, const FrameObject& o) {
     put_message(w, OBJECT_POLYGON, [&](auto& polygon) {
         for (const auto& vertex : o.polygon) {
-            put_message(polygon, 1, [&](auto& point) { put_xy(point, vertex[0], vertex[1]); });
+            put_small_message(polygon, 1,
+                              [&](auto& point) { put_xy(point, vertex[0], vertex[1]); });
         }
     });
 }
@@ -106,7 +107,7 @@ void put_velocity(W& w, const FrameObject& o) {
         put_message(w, OBJECT_VELOCITY, [&](auto& v) { put_xy(v, o.velocity.vx, o.velocity.vy); });
     } else if (o.has_velocity3d()) {
         const FrameObject::Velocity3d& v3 = o.velocity3d;
-        put_message(w, OBJECT_VELOCITY, [&](auto& v) { put_xyz(v, v3.vx, v3.vy, v3.vz); });
+        put_small_message(w, OBJECT_VELOCITY, [&](auto& v) { put_xyz(v, v3.vx, v3.vy, v3.vz); });
     }
 }
 
@@ -114,7 +115,7 @@ template <class W>
 void put_body(W& w, const FrameObject& o) {
     if (o.has_position()) {
         const FrameObject::Position& p = o.position;
-        put_message(w, OBJECT_POSITION, [&](auto& point) { put_xyz(point, p.x, p.y, p.z); });
+        put_small_message(w, OBJECT_POSITION, [&](auto& point) { put_xyz(point, p.x, p.y, p.z); });
     }
     if (o.has_area()) {
         put_float(w, OBJECT_AREA, narrow(o.area));
@@ -139,7 +140,7 @@ template <class W>
 void put_velocity3d(W& w, const FrameObject& o) {
     if (o.has_velocity() && o.has_velocity3d()) {
         const FrameObject::Velocity3d& v3 = o.velocity3d;
-        put_message(w, OBJECT_VELOCITY3D, [&](auto& v) { put_xyz(v, v3.vx, v3.vy, v3.vz); });
+        put_small_message(w, OBJECT_VELOCITY3D, [&](auto& v) { put_xyz(v, v3.vx, v3.vy, v3.vz); });
     }
 }
 
@@ -148,7 +149,7 @@ void put_geoposition(W& w, const geo_object_position* geo) {
     if (!geo) {
         return;
     }
-    put_message(w, OBJECT_GEOPOSITION, [&](auto& g) {
+    put_small_message(w, OBJECT_GEOPOSITION, [&](auto& g) {
         put_plain_float(g, 1, narrow(geo->elevation.value_or(0)));
         put_plain_float(g, 2, narrow(geo->latitude));
         put_plain_float(g, 3, narrow(geo->longitude));
@@ -167,6 +168,13 @@ void put_object(W& w, const FrameObject& o, unsigned parts, const geo_object_pos
 }
 
 }  // namespace
+
+size_t object_size_bound(const FrameObject& o) {
+    // Every part at its largest: tags, five-byte lengths and varints.
+    constexpr size_t FIXED = 160, PER_LABEL = 13, PER_POINT = 12, PER_ELEMENT = 4;
+    return FIXED + PER_LABEL * o.classifications.size() + PER_POINT * o.polygon.size() +
+           PER_ELEMENT * o.covariance.size();
+}
 
 unsigned object_parts_for(const SerializeFrameOptions& options) {
     unsigned parts = 1u << OBJECT_PART_HEAD | 1u << OBJECT_PART_BODY;

@@ -26,6 +26,9 @@ enum object_part_t : unsigned {
 // The parts that `options` include, one bit per object_part_t.
 unsigned object_parts_for(const RadarScene::SerializeFrameOptions& options);
 
+// At least the size of all of an object's parts together.
+size_t object_size_bound(const RadarScene::FrameObject& object);
+
 // Puts one part of an object's fields, where `W` is wire_size or
 // wire_writer; `geo` is the object's geographic position, if it has one.
 template <class W>

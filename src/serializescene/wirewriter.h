@@ -140,3 +140,17 @@ void put_message(wire_writer& w, uint32_t field, Body&& body) {
     put_varint(w, inner.bytes);
     body(w);
 }
+
+// A nested message whose body always takes fewer than 128 bytes, so that its
+// length is one byte: writing fills it in after the body, in one pass.
+template <class Body>
+void put_small_message(wire_size& w, uint32_t field, Body&& body) {
+    put_message(w, field, body);
+}
+template <class Body>
+void put_small_message(wire_writer& w, uint32_t field, Body&& body) {
+    put_tag(w, field, WIRE_LENGTH);
+    char* length = w.at++;
+    body(w);
+    *length = static_cast<char>(w.at - length - 1);
+}
