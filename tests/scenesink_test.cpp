@@ -128,3 +128,30 @@ TEST_F(SceneSink, StopReleasesAProducerBlockedInPush) {
     stopper.join();
     EXPECT_EQ(sink->state, SINK_STATE_STOPPED);
 }
+
+// A small frame is copied and encoded by the worker, a large one encoded by
+// the push: both arrive as serializeFrame writes them, class filter included.
+TEST_F(SceneSink, SmallAndLargeFramesArriveAsSerialized) {
+    RadarScene::Frame large = frame(5);
+    for (int i = 0; i < 4000; ++i) {
+        RadarScene::FrameObject o;
+        o.id = i;
+        o.set_classifications({{i % 2 ? 3 : 4, 0.5}});
+        o.set_polygon(std::vector<std::array<double, 2>>(40, {1.5, -2.5}));
+        large.objects.push_back(o);
+    }
+    RadarScene::Frame small = large;
+    small.time = 4;
+    small.objects.resize(10);
+    RadarScene::SerializeFrameOptions options;
+    options.filtered_classes = 1u << 3;
+    scene_sink_start(*sink);
+    for (const RadarScene::Frame* f : {&small, &large}) {
+        scene_sink_push(*sink, *f, options.filtered_classes);
+        std::string expected, payload;
+        RadarScene::serializeFrame(expected, *f, options);
+        ASSERT_TRUE(read_record(peer.get(), payload));
+        EXPECT_EQ(payload, expected) << f->time;
+    }
+    scene_sink_stop(*sink);
+}

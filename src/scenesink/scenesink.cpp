@@ -20,32 +20,67 @@ void post(sem_t& semaphore) {
     RS_ASSERT(sem_post(&semaphore) == 0);
 }
 
-// The frame's scene, encoded into the storage of the pending scene it is
+// Frames whose scene can take more than this are encoded by the push.
+constexpr size_t COPY_LIMIT_BYTES = 1 << 20;
+
+bool small_scene(const RadarScene::Frame& frame) {
+    size_t bound = 0;
+    for (const RadarScene::FrameObject& o : frame.objects) {
+        bound += object_size_bound(o);
+    }
+    return bound <= COPY_LIMIT_BYTES;
+}
+
+// The frame's hand-off, filled in the storage of the pending one it is
 // about to replace, or of the spare, so that a producer running ahead of the
 // sending thread needs no more memory. Runs without a lock: pushes to one
 // sink are serialised by its channel.
-std::unique_ptr<scene_encoding_t> encode(scene_sink_t& sink, const RadarScene::Frame& frame,
-                                         unsigned long raw_mask) {
-    std::unique_ptr<scene_encoding_t> encoding;
+std::unique_ptr<scene_handoff_t> hand_off(scene_sink_t& sink, const RadarScene::Frame& frame,
+                                          unsigned long raw_mask) {
+    std::unique_ptr<scene_handoff_t> handoff;
     {
         std::lock_guard lock(sink.frame_mutex);
-        encoding = std::move(sink.pending ? sink.pending : sink.spare);
+        handoff = std::move(sink.pending ? sink.pending : sink.spare);
     }
-    if (!encoding) {
-        encoding = std::make_unique<scene_encoding_t>();
+    if (!handoff) {
+        handoff = std::make_unique<scene_handoff_t>();
     }
-    scene_encoding_fill(*encoding, frame, static_cast<uint32_t>(raw_mask),
-                        sink.sender->wanted_parts);
-    return encoding;
+    handoff->encoded = !small_scene(frame);
+    if (handoff->encoded) {
+        handoff->frame = {};
+        scene_encoding_fill(handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
+                            sink.sender->wanted_parts);
+    } else {
+        handoff->frame = frame;
+        handoff->raw_mask = raw_mask;
+    }
+    return handoff;
 }
 
-// Puts `encoding` into the pending slot; the caller holds frame_mutex. A
-// scene it replaces becomes the spare.
-void set_pending(scene_sink_t& sink, std::unique_ptr<scene_encoding_t> encoding) {
-    std::swap(sink.pending, encoding);
-    if (encoding && !sink.spare) {
-        sink.spare = std::move(encoding);
+// Puts `handoff` into the pending slot; the caller holds frame_mutex. One it
+// replaces becomes the spare.
+void set_pending(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
+    std::swap(sink.pending, handoff);
+    if (handoff && !sink.spare) {
+        sink.spare = std::move(handoff);
     }
+}
+
+// Worker side: sends the scene of `handoff`, encoding it first if the push
+// did not. The hand-off is kept as the spare as soon as the scenes are
+// assembled, so a push during the writes reuses its storage.
+void send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
+    if (!handoff->encoded) {
+        scene_encoding_fill(handoff->encoding, handoff->frame,
+                            static_cast<uint32_t>(handoff->raw_mask), sink.sender->wanted_parts);
+    }
+    scene_sender_send(*sink.sender, handoff->encoding, [&] {
+        scene_encoding_trim(handoff->encoding);
+        std::lock_guard lock(sink.frame_mutex);
+        if (!sink.spare) {
+            sink.spare = std::move(handoff);
+        }
+    });
 }
 
 }  // namespace
@@ -96,10 +131,10 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
         return;
     }
     wait(sink.slot_free);
-    std::unique_ptr<scene_encoding_t> encoding = encode(sink, frame, raw_mask);
+    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
     {
         std::lock_guard lock(sink.frame_mutex);
-        set_pending(sink, std::move(encoding));
+        set_pending(sink, std::move(handoff));
     }
     post(sink.frame_ready);
 }
@@ -109,7 +144,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
     if (!sink.run_thread) {
         return;
     }
-    std::unique_ptr<scene_encoding_t> encoding = encode(sink, frame, raw_mask);
+    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
     bool got_slot;
     {
         // Without a free slot the other tokens are with the worker or in
@@ -117,7 +152,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
         // after this: taking needs frame_mutex, held here from the check on.
         std::lock_guard lock(sink.frame_mutex);
         got_slot = sem_trywait(&sink.slot_free) == 0;
-        set_pending(sink, std::move(encoding));
+        set_pending(sink, std::move(handoff));
     }
     if (got_slot) {
         post(sink.frame_ready);
@@ -132,22 +167,13 @@ void sink_thread_main(scene_sink_t& sink) {
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
     while (sink.run_thread) {
         wait(sink.frame_ready);
-        std::unique_ptr<scene_encoding_t> encoding;
+        std::unique_ptr<scene_handoff_t> handoff;
         {
             std::lock_guard lock(sink.frame_mutex);
-            encoding = std::move(sink.pending);
+            handoff = std::move(sink.pending);
         }
-        if (encoding) {
-            // The encoding is kept as the spare as soon as the scenes are
-            // assembled, so a push during the writes reuses its storage.
-            scene_sender_send(*sink.sender, *encoding, [&] {
-                scene_encoding_trim(*encoding);
-                std::lock_guard lock(sink.frame_mutex);
-                if (!sink.spare) {
-                    sink.spare = std::move(encoding);
-                }
-            });
-            encoding.reset();
+        if (handoff) {
+            send(sink, std::move(handoff));
         }
         post(sink.slot_free);
     }

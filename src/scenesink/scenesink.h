@@ -18,12 +18,23 @@ enum sink_state_t : int32_t {
     SINK_STATE_RUNNING = 1,
 };
 
-// Hands frames from the producer to a worker thread that sends them. A push
-// encodes the frame's scene (the parts the subscribers need, outside any
-// lock) and puts it into the single pending slot, which holds the newest
-// scene not yet taken: a newer push replaces it, so slow subscribers never
-// make memory grow. `slot_free` lets the producer run a few pushes ahead of
-// the worker before it blocks. One spare encoding is kept for its storage.
+// One frame on its way from the producer to the worker. A frame whose scene
+// is small is copied, and the worker encodes it: a copy is the quickest
+// push. A larger one is encoded by the push itself, which keeps the memory
+// it holds to about one scene instead of a copy several times that size.
+struct scene_handoff_t {
+    RadarScene::Frame frame;
+    unsigned long raw_mask = 0;
+    bool encoded = false;  // `encoding` holds the frame's scene, `frame` is unused
+    scene_encoding_t encoding;
+};
+
+// Hands frames from the producer to a worker thread that sends them. The
+// single pending slot holds the newest frame not yet taken: a newer push
+// replaces it, so slow subscribers never make memory grow. A push fills its
+// hand-off outside any lock. `slot_free` lets the producer run a few pushes
+// ahead of the worker before it blocks. One spare hand-off is kept for its
+// storage.
 struct scene_sink_t {
     ~scene_sink_t();
 
@@ -34,17 +45,17 @@ struct scene_sink_t {
     sem_t slot_free;
     sem_t frame_ready;
     std::mutex state_mutex;  // serialises start and stop
-    std::mutex frame_mutex;  // guards the two encoding slots
-    std::unique_ptr<scene_encoding_t> pending;
-    std::unique_ptr<scene_encoding_t> spare;
+    std::mutex frame_mutex;  // guards the two slots
+    std::unique_ptr<scene_handoff_t> pending;
+    std::unique_ptr<scene_handoff_t> spare;
 };
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender);
 void scene_sink_start(scene_sink_t& sink);
 // Stops and joins the worker; a frame it has already taken is still sent.
 void scene_sink_stop(scene_sink_t& sink);
-// Producer side: encodes the frame into the pending slot and wakes the
-// worker. Drops the frame when the sink is not running.
+// Producer side: puts the frame into the pending slot and wakes the worker.
+// Drops the frame when the sink is not running.
 void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigned long raw_mask);
 // As scene_sink_push, but never waits: when the producer is already as far
 // ahead as push allows, the frame just replaces the pending one, which the
