@@ -169,13 +169,6 @@ void put_object(W& w, const FrameObject& o, unsigned parts, const geo_object_pos
 
 }  // namespace
 
-size_t object_size_bound(const FrameObject& o) {
-    // Every part at its largest: tags, five-byte lengths and varints.
-    constexpr size_t FIXED = 160, PER_LABEL = 13, PER_POINT = 12, PER_ELEMENT = 4;
-    return FIXED + PER_LABEL * o.classifications.size() + PER_POINT * o.polygon.size() +
-           PER_ELEMENT * o.covariance.size();
-}
-
 unsigned object_parts_for(const SerializeFrameOptions& options) {
     unsigned parts = 1u << OBJECT_PART_HEAD | 1u << OBJECT_PART_BODY;
     if (options.bounding_box) {

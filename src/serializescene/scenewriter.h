@@ -26,8 +26,13 @@ enum object_part_t : unsigned {
 // The parts that `options` include, one bit per object_part_t.
 unsigned object_parts_for(const RadarScene::SerializeFrameOptions& options);
 
-// At least the size of all of an object's parts together.
-size_t object_size_bound(const RadarScene::FrameObject& object);
+// At least the size of all of an object's parts together: every part at its
+// largest, with tags, five-byte lengths and varints.
+inline size_t object_size_bound(const RadarScene::FrameObject& o) {
+    constexpr size_t FIXED = 160, PER_LABEL = 13, PER_POINT = 12, PER_ELEMENT = 4;
+    return FIXED + PER_LABEL * o.classifications.size() + PER_POINT * o.polygon.size() +
+           PER_ELEMENT * o.covariance.size();
+}
 
 // Puts one part of an object's fields, where `W` is wire_size or
 // wire_writer; `geo` is the object's geographic position, if it has one.
