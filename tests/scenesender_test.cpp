@@ -70,6 +70,27 @@ TEST_F(SceneSender, WritesOneLengthPrefixedRecordPerSession) {
     EXPECT_EQ(std::string(bytes, 6), std::string("\x00\x00\x00\x06\x08\x00", 6));
 }
 
+// A push encodes the parts its sessions need; a session whose parts a scene
+// lacks subscribed after that push, and waits for the next.
+TEST_F(SceneSender, SessionsTheEncodingDoesNotServeWaitForTheNextScene) {
+    unique_fd plain = subscribe(1);
+    unsigned plain_parts = sender.wanted_parts;
+    auto session = make_session(2);
+    session_set_option1(*session, true);  // bounding boxes
+    unique_fd boxed;
+    ASSERT_EQ(scene_sender_add_session(sender, session, boxed), 0);
+    EXPECT_EQ(sender.wanted_parts, plain_parts | 1u << OBJECT_PART_BOUNDING_BOX);
+
+    scene_encoding_t encoding;
+    scene_encoding_fill(encoding, boxed_frame(1), 0, plain_parts);
+    scene_sender_send(sender, encoding, {});
+    std::string payload;
+    EXPECT_TRUE(read_record(plain.get(), payload));
+    EXPECT_TRUE(nothing_to_read(boxed.get()));
+    EXPECT_TRUE(scene_sender_remove_session(sender, 2));
+    EXPECT_EQ(sender.wanted_parts, plain_parts);
+}
+
 TEST_F(SceneSender, ClosedPeerIsReportedOnceAndOthersStillReceive) {
     StderrCapture log;
     unique_fd closed = subscribe(4);
