@@ -11,7 +11,6 @@ using namespace RadarScene;
 
 namespace {
 
-constexpr uint32_t SCENE_OBJECTS = 3;
 // Storage beyond this and beyond twice what the last frame used is given
 // back by scene_encoding_trim.
 constexpr size_t KEPT_BYTES = 1 << 20;
@@ -128,7 +127,7 @@ void scene_encoding_assemble(std::string& out, const scene_encoding_t& encoding,
             if (!included(object, options)) {
                 continue;
             }
-            put_tag(w, SCENE_OBJECTS, WIRE_LENGTH);
+            put_tag(w, SCENE_OBJECTS_FIELD, WIRE_LENGTH);
             put_varint(w, object_size(object, parts));
             // Adjacent parts are copied together.
             for (unsigned part = 0; part < OBJECT_PART_COUNT;) {

@@ -15,7 +15,7 @@ namespace {
 // Field numbers of the scene's messages.
 enum scene_field : uint32_t {
     SCENE_TIME = 1,
-    SCENE_OBJECTS = 3,
+    SCENE_OBJECTS = SCENE_OBJECTS_FIELD,
     SCENE_STATUS = 5,
     SCENE_ORIENTATION = 6,
     SCENE_PARAM_CHANGED = 7

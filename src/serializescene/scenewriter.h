@@ -4,11 +4,15 @@
 
 #include <radarscene/RadarScene.h>
 
+#include <cstdint>
 #include <string>
 
 // The scene's wire form written straight from the frame, without building
 // the message: the same bytes, field for field, as serializing the message
 // that convert_frame_to_scene builds.
+
+// The scene's field of repeated objects.
+constexpr uint32_t SCENE_OBJECTS_FIELD = 3;
 
 // The parts of an object's wire form, in field order, that the serialize
 // options include or leave out as a whole.
