@@ -80,6 +80,9 @@ void put_head(W& w, const FrameObject& o) {
 
 template <class W>
 void put_bounding_box(W& w, const FrameObject& o) {
+    if (!o.has_bounding_box()) {
+        return;
+    }
     const FrameObject::BoundingBox& b = o.bounding_box;
     put_small_message(w, OBJECT_BOUNDING_BOX, [&](auto& box) {
         put_plain_float(box, 1, narrow(b.x));
@@ -91,6 +94,9 @@ void put_bounding_box(W& w, const FrameObject& o) {
 
 template <class W>
 void put_polygon(W& w, const FrameObject& o) {
+    if (!o.has_polygon()) {
+        return;
+    }
     put_message(w, OBJECT_POLYGON, [&](auto& polygon) {
         for (const auto& vertex : o.polygon) {
             put_small_message(polygon, 1,
@@ -194,14 +200,10 @@ void put_object_part(W& w, const FrameObject& o, object_part_t part,
             put_head(w, o);
             break;
         case OBJECT_PART_BOUNDING_BOX:
-            if (o.has_bounding_box()) {
-                put_bounding_box(w, o);
-            }
+            put_bounding_box(w, o);
             break;
         case OBJECT_PART_POLYGON:
-            if (o.has_polygon()) {
-                put_polygon(w, o);
-            }
+            put_polygon(w, o);
             break;
         case OBJECT_PART_VELOCITY:
             put_velocity(w, o);

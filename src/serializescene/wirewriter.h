@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 // Protobuf wire primitives in two flavours with the same calls: `wire_size`
 // counts the bytes a message takes, `wire_writer` writes them into memory
@@ -124,21 +125,17 @@ void put_plain_string(W& w, uint32_t field, const std::string& value) {
 
 // A nested message whose fields `body(w)` puts, for any flavour of `w`.
 // Writing sizes the body first, for its length prefix.
-template <class Body>
-void put_message(wire_size& w, uint32_t field, Body&& body) {
+template <class W, class Body>
+void put_message(W& w, uint32_t field, Body&& body) {
     wire_size inner;
     body(inner);
     put_tag(w, field, WIRE_LENGTH);
     put_varint(w, inner.bytes);
-    w.bytes += inner.bytes;
-}
-template <class Body>
-void put_message(wire_writer& w, uint32_t field, Body&& body) {
-    wire_size inner;
-    body(inner);
-    put_tag(w, field, WIRE_LENGTH);
-    put_varint(w, inner.bytes);
-    body(w);
+    if constexpr (std::is_same_v<W, wire_size>) {
+        w.bytes += inner.bytes;
+    } else {
+        body(w);
+    }
 }
 
 // A nested message whose body always takes fewer than 128 bytes, so that its
