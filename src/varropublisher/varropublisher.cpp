@@ -106,6 +106,9 @@ void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& 
 
 void publish(varro_publisher_t& publisher, int channel, const RadarScene::Frame& frame,
              unsigned long raw_mask, const class_table_source& classes) {
+    if (publisher.topics.empty()) {
+        return;
+    }
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     std::string source = std::to_string(channel + 1);
