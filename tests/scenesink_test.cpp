@@ -130,9 +130,13 @@ TEST_F(SceneSink, StopReleasesAProducerBlockedInPush) {
 }
 
 // A small frame is copied and encoded by the worker, a large one encoded by
-// the push: both arrive as serializeFrame writes them, class filter included.
+// the push: all arrive as serializeFrame writes them, class filter included,
+// whatever the hand-off held before (more objects, fewer, a cut-off copy).
 TEST_F(SceneSink, SmallAndLargeFramesArriveAsSerialized) {
     RadarScene::Frame large = frame(5);
+    large.status = RadarScene::RadarStatus{true, false, {{"blocked", 3, false}}};
+    large.orientation = RadarScene::RadarOrientation{1.5, 0.25};
+    large.param_changed = "range";
     for (int i = 0; i < 4000; ++i) {
         RadarScene::FrameObject o;
         o.id = i;
@@ -143,10 +147,14 @@ TEST_F(SceneSink, SmallAndLargeFramesArriveAsSerialized) {
     RadarScene::Frame small = large;
     small.time = 4;
     small.objects.resize(10);
+    RadarScene::Frame fewer = small;
+    fewer.objects.resize(3);
+    fewer.status.reset();
+    fewer.param_changed.reset();
     RadarScene::SerializeFrameOptions options;
     options.filtered_classes = 1u << 3;
     scene_sink_start(*sink);
-    for (const RadarScene::Frame* f : {&small, &large}) {
+    for (const RadarScene::Frame* f : {&small, &fewer, &large, &small}) {
         scene_sink_push(*sink, *f, options.filtered_classes);
         std::string expected, payload;
         RadarScene::serializeFrame(expected, *f, options);

@@ -23,12 +23,31 @@ void post(sem_t& semaphore) {
 // Frames whose scene can take more than this are encoded by the push.
 constexpr size_t COPY_LIMIT_BYTES = 1 << 20;
 
-bool small_scene(const RadarScene::Frame& frame) {
+// Copies `frame` into `copy` unless its scene can take more than
+// COPY_LIMIT_BYTES. The bound is summed as the objects are copied, so that
+// the frame is read once. False, with `copy` partly filled, for a frame to
+// encode instead; objects are appended one by one, so that this costs no
+// more memory than the limit allows.
+bool copy_small_frame(RadarScene::Frame& copy, const RadarScene::Frame& frame) {
+    std::vector<RadarScene::FrameObject>& objects = copy.objects;
     size_t bound = 0;
-    for (const RadarScene::FrameObject& o : frame.objects) {
-        bound += object_size_bound(o);
+    for (size_t i = 0; i < frame.objects.size(); ++i) {
+        bound += object_size_bound(frame.objects[i]);
+        if (bound > COPY_LIMIT_BYTES) {
+            return false;
+        }
+        if (i < objects.size()) {
+            objects[i] = frame.objects[i];
+        } else {
+            objects.push_back(frame.objects[i]);
+        }
     }
-    return bound <= COPY_LIMIT_BYTES;
+    objects.resize(frame.objects.size());
+    copy.time = frame.time;
+    copy.status = frame.status;
+    copy.orientation = frame.orientation;
+    copy.param_changed = frame.param_changed;
+    return true;
 }
 
 // The frame's hand-off, filled in the storage of the pending one it is
@@ -45,13 +64,12 @@ std::unique_ptr<scene_handoff_t> hand_off(scene_sink_t& sink, const RadarScene::
     if (!handoff) {
         handoff = std::make_unique<scene_handoff_t>();
     }
-    handoff->encoded = !small_scene(frame);
+    handoff->encoded = !copy_small_frame(handoff->frame, frame);
     if (handoff->encoded) {
         handoff->frame = {};
         scene_encoding_fill(handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
                             sink.sender->wanted_parts);
     } else {
-        handoff->frame = frame;
         handoff->raw_mask = raw_mask;
     }
     return handoff;
