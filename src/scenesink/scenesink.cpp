@@ -26,8 +26,8 @@ constexpr size_t COPY_LIMIT_BYTES = 1 << 20;
 // Copies `frame` into `copy` unless its scene can take more than
 // COPY_LIMIT_BYTES. The bound is summed as the objects are copied, so that
 // the frame is read once. False, with `copy` partly filled, for a frame to
-// encode instead; objects are appended one by one, so that this costs no
-// more memory than the limit allows.
+// encode instead: objects are appended one by one, so a huge frame costs
+// about the limit's worth of copying, not a copy of itself.
 bool copy_small_frame(RadarScene::Frame& copy, const RadarScene::Frame& frame) {
     std::vector<RadarScene::FrameObject>& objects = copy.objects;
     size_t bound = 0;
