@@ -221,13 +221,15 @@ uint64_t scene_time(const std::string& payload) {
 
 // A reader thread per stream: counts records, the delay from the scene's
 // time stamp (the push) to reception, and the longest gap between two
-// records. `stop_after` stops reading early.
+// records. The first record is the run's warm-up, and not counted.
+// `stop_after` stops reading early.
 struct reader {
     int fd;
     size_t stop_after = SIZE_MAX;
     std::vector<double> delays_us;
     double max_gap_us = 0;
     size_t received = 0;
+    std::atomic<bool> warmed_up{false};
     std::thread thread;
 
     void start() {
@@ -235,6 +237,10 @@ struct reader {
             std::string payload;
             uint64_t last = 0;
             while (received < stop_after && RadarScene::readSceneRecord(fd, payload) == 1) {
+                if (!warmed_up) {
+                    warmed_up = true;
+                    continue;
+                }
                 uint64_t at = now_ns();
                 delays_us.push_back(static_cast<double>(at - scene_time(payload)) / 1e3);
                 if (last) {
@@ -247,11 +253,25 @@ struct reader {
     }
 };
 
+// The samples of one or more runs, merged by `add`.
 struct run_result {
-    summary push_us, push_cpu_us, delay_us;
+    std::vector<double> push_us, push_cpu_us, delay_us;
     double max_gap_us = 0;  // of the readers that read to the end
     size_t delivered = 0, expected = 0;
-    double cpu_per_frame_us = 0;
+    double cpu_us = 0;
+    int frames = 0;
+
+    double cpu_per_frame_us() const { return cpu_us / frames; }
+    void add(const run_result& run) {
+        push_us.insert(push_us.end(), run.push_us.begin(), run.push_us.end());
+        push_cpu_us.insert(push_cpu_us.end(), run.push_cpu_us.begin(), run.push_cpu_us.end());
+        delay_us.insert(delay_us.end(), run.delay_us.begin(), run.delay_us.end());
+        max_gap_us = std::max(max_gap_us, run.max_gap_us);
+        delivered += run.delivered;
+        expected += run.expected;
+        cpu_us += run.cpu_us;
+        frames += run.frames;
+    }
 };
 
 // Pushes `frames` frames at `rate` Hz (0: as fast as possible) through
@@ -263,7 +283,17 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         r.start();
     }
     RadarScene::Frame frame = full_frame(objects);
-    std::vector<double> pushes, push_cpu;
+    // One frame first, out of the measurement: the first push of a run
+    // allocates what later ones reuse.
+    frame.time = now_ns();
+    push(frame);
+    for (auto give_up = clock_type::now() + std::chrono::seconds(2);
+         clock_type::now() < give_up && !std::all_of(readers.begin(), readers.end(), [](reader& r) {
+             return r.warmed_up.load();
+         });) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    run_result result;
     double cpu_before = cpu_seconds();
     auto next = clock_type::now();
     for (int i = 0; i < frames; ++i) {
@@ -279,27 +309,22 @@ run_result drive(int objects, int frames, double rate, std::vector<reader>& read
         auto start = clock_type::now();
         push(frame);
         auto end = clock_type::now();
-        push_cpu.push_back(thread_cpu_us() - cpu_start);
-        pushes.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+        result.push_cpu_us.push_back(thread_cpu_us() - cpu_start);
+        result.push_us.push_back(std::chrono::duration<double, std::micro>(end - start).count());
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     finish();
-    double cpu = cpu_seconds() - cpu_before;
-    run_result result;
-    std::vector<double> delays;
+    result.cpu_us = (cpu_seconds() - cpu_before) * 1e6;
+    result.frames = frames;
     for (auto& r : readers) {
         r.thread.join();
-        delays.insert(delays.end(), r.delays_us.begin(), r.delays_us.end());
+        result.delay_us.insert(result.delay_us.end(), r.delays_us.begin(), r.delays_us.end());
         result.delivered += r.received;
         if (r.stop_after == SIZE_MAX) {
             result.max_gap_us = std::max(result.max_gap_us, r.max_gap_us);
         }
         result.expected += std::min<size_t>(static_cast<size_t>(frames), r.stop_after);
     }
-    result.push_us = summarise(pushes);
-    result.push_cpu_us = summarise(push_cpu);
-    result.delay_us = summarise(delays);
-    result.cpu_per_frame_us = cpu * 1e6 / frames;
     return result;
 }
 
@@ -434,13 +459,16 @@ run_result baseline_run(int subscribers, int objects, int frames, double rate) {
 }
 
 void print_run(const char* what, const run_result& r) {
+    summary push = summarise(r.push_us), push_cpu = summarise(r.push_cpu_us),
+            delay = summarise(r.delay_us);
     printf(
         "  %-9s push us p50 %8.1f p99 %8.1f max %9.1f (thread cpu p99 %6.1f max %6.1f)"
         " | delay us p50 %8.1f p99 %8.1f max %9.1f | delivered %6zu/%-6zu | cpu/frame %8.1f us\n",
-        what, r.push_us.p50, r.push_us.p99, r.push_us.max, r.push_cpu_us.p99, r.push_cpu_us.max,
-        r.delay_us.p50, r.delay_us.p99, r.delay_us.max, r.delivered, r.expected,
-        r.cpu_per_frame_us);
+        what, push.p50, push.p99, push.max, push_cpu.p99, push_cpu.max, delay.p50, delay.p99,
+        delay.max, r.delivered, r.expected, r.cpu_per_frame_us());
 }
+
+constexpr int ROUNDS = 3;
 
 void fanout_section() {
     printf("\n== fan-out through a Sink vs. the same framed bytes written to socket pairs\n");
@@ -450,15 +478,20 @@ void fanout_section() {
                 int frames = rate > 0 ? 300 : 1000;
                 printf("%d subscribers, %d objects, %s:\n", subscribers, objects,
                        rate > 0 ? "100 Hz" : "as fast as possible");
-                run_result library = library_run(subscribers, objects, frames, rate);
-                run_result baseline = baseline_run(subscribers, objects, frames, rate);
+                // Library and baseline take turns, so that a change in the
+                // machine's speed during the row weighs on both alike.
+                run_result library, baseline;
+                for (int round = 0; round < ROUNDS; ++round) {
+                    library.add(library_run(subscribers, objects, frames / ROUNDS, rate));
+                    baseline.add(baseline_run(subscribers, objects, frames / ROUNDS, rate));
+                }
                 print_run("library", library);
                 print_run("baseline", baseline);
                 printf(
                     "  ratios library/baseline: cpu/frame %.2fx, delay p50 %.2fx, push p99 %.2fx\n",
-                    library.cpu_per_frame_us / baseline.cpu_per_frame_us,
-                    library.delay_us.p50 / baseline.delay_us.p50,
-                    library.push_us.p99 / baseline.push_us.p99);
+                    library.cpu_per_frame_us() / baseline.cpu_per_frame_us(),
+                    summarise(library.delay_us).p50 / summarise(baseline.delay_us).p50,
+                    summarise(library.push_us).p99 / summarise(baseline.push_us).p99);
             }
         }
     }
