@@ -1,7 +1,8 @@
 // Draws a frame and options from the input and checks that serializeFrame,
-// and the scene the sending thread assembles from the frame's encoding,
-// are exactly the bytes of serializing the message that
-// convert_frame_to_scene builds; any difference aborts as a finding.
+// the scene the sending thread assembles from the frame's encoding, and the
+// encoding itself where it is the scene, are exactly the bytes of
+// serializing the message that convert_frame_to_scene builds; any
+// difference aborts as a finding.
 
 #include "sceneencoding/sceneencoding.h"
 #include "serializescene/serializescene.h"
@@ -34,7 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                         next() | object_parts_for(options));
     std::string assembled;
     scene_encoding_assemble(assembled, encoding, options);
-    if (written != expected || assembled != expected) {
+    if (written != expected || assembled != expected ||
+        (scene_encoding_is_scene(encoding, options) && encoding.bytes != expected)) {
         abort();
     }
     return 0;

@@ -5,6 +5,7 @@
 #include <radarscene/scene.pb.h>
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -158,6 +159,36 @@ TEST_F(SceneSink, SmallAndLargeFramesArriveAsSerialized) {
         scene_sink_push(*sink, *f, options.filtered_classes);
         std::string expected, payload;
         RadarScene::serializeFrame(expected, *f, options);
+        ASSERT_TRUE(read_record(peer.get(), payload));
+        EXPECT_EQ(payload, expected) << f->time;
+    }
+    scene_sink_stop(*sink);
+}
+
+// Subscribers that all ask for the same get the encoding's own bytes: a
+// large frame pushed while they are written is encoded elsewhere.
+TEST_F(SceneSink, AFramePushedDuringAWriteLeavesTheWrittenSceneAlone) {
+    RadarScene::Frame first = frame(1);
+    for (int i = 0; i < 4000; ++i) {
+        RadarScene::FrameObject o;
+        o.id = i;
+        o.set_polygon(std::vector<std::array<double, 2>>(40, {1.5, -2.5}));
+        first.objects.push_back(o);
+    }
+    RadarScene::Frame second = first;
+    second.time = 2;
+    second.objects[0].id = 7;
+    scene_sink_start(*sink);
+    scene_sink_push(*sink, first, 0);
+    // The scene is larger than the socket's buffer: its write waits for us.
+    ASSERT_TRUE(wait_until([&] {
+        int queued = 0;
+        return ioctl(peer.get(), FIONREAD, &queued) == 0 && queued > 0;
+    }));
+    scene_sink_try_push(*sink, second, 0);
+    for (const RadarScene::Frame* f : {&first, &second}) {
+        std::string expected, payload;
+        RadarScene::serializeFrame(expected, *f, {});
         ASSERT_TRUE(read_record(peer.get(), payload));
         EXPECT_EQ(payload, expected) << f->time;
     }

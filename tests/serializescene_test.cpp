@@ -295,6 +295,7 @@ TEST(SerializeFrame, ConcurrentCallersGetTheirOwnBytes) {
 // message that convert_frame_to_scene builds, on frames that reach every
 // corner.
 TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
+    int encodings_as_scenes = 0;
     std::mt19937 random(7);
     word_source next = [&] { return static_cast<uint32_t>(random()); };
     for (int i = 0; i < 3000; ++i) {
@@ -316,5 +317,10 @@ TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
         std::string assembled = "stale";
         scene_encoding_assemble(assembled, encoding, options);
         ASSERT_EQ(assembled, expected) << "frame " << i;
+        if (scene_encoding_is_scene(encoding, options)) {
+            ASSERT_EQ(encoding.bytes, expected) << "frame " << i;
+            ++encodings_as_scenes;
+        }
     }
+    EXPECT_GT(encodings_as_scenes, 300);
 }

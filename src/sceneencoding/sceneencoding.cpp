@@ -5,6 +5,7 @@
 #include "serializescene/wirewriter.h"
 
 #include <climits>
+#include <cstring>
 #include <optional>
 
 using namespace RadarScene;
@@ -37,6 +38,13 @@ bool included(const scene_encoding_t::object_t& object, const SerializeFrameOpti
     return options.raw || !object.filtered;
 }
 
+// The bytes an object of size bound `bound` takes at most with its tag and
+// length.
+size_t object_room(size_t bound) {
+    static_assert((SCENE_OBJECTS_FIELD << 3 | WIRE_LENGTH) < 0x80, "a one-byte tag");
+    return 1 + varint_size(bound) + bound;
+}
+
 size_t object_size(const scene_encoding_t::object_t& object, unsigned parts) {
     size_t size = 0;
     for (unsigned part = 0; part < OBJECT_PART_COUNT; ++part) {
@@ -51,7 +59,9 @@ size_t object_size(const scene_encoding_t::object_t& object, unsigned parts) {
 
 void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_t filtered_classes,
                          unsigned parts) {
+    parts &= (1u << OBJECT_PART_COUNT) - 1;
     encoding.parts = parts;
+    encoding.any_filtered = false;
     std::string& bytes = encoding.bytes;
     wire_size head, tail;
     put_scene_head(head, frame);
@@ -60,7 +70,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
     // by step would copy it and leave the old blocks resident.
     size_t room = head.bytes + tail.bytes;
     for (const FrameObject& o : frame.objects) {
-        room += object_size_bound(o);
+        room += object_room(object_size_bound(o));
     }
     bytes.clear();
     if (bytes.capacity() < room) {
@@ -75,6 +85,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
         RS_ASSERT(o.id >= 0);
         scene_encoding_t::object_t& object = encoding.objects[i];
         object.filtered = frame_object_filtered(o, filtered_classes, false);
+        encoding.any_filtered |= object.filtered;
         // One query per object, so that its size and its bytes agree even
         // while the device position changes.
         std::optional<geo_object_position> geo;
@@ -82,12 +93,15 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
             geo = geo_object_query(o, false);
         }
         const geo_object_position* where = geo ? &*geo : nullptr;
-        // Written in place into room for the largest the object can be.
+        // Written in place into room for the largest the object can be,
+        // behind room for its tag and for a length as long as its bound's.
         size_t begin = bytes.size();
         size_t bound = object_size_bound(o);
-        RS_ASSERT(begin + bound < UINT32_MAX && "Scene too large");
-        bytes.resize_and_overwrite(begin + bound, [&](char* data, size_t) {
-            wire_writer w{data + begin};
+        size_t prefix = object_room(bound) - bound;
+        RS_ASSERT(begin + prefix + bound < UINT32_MAX && "Scene too large");
+        bytes.resize_and_overwrite(begin + prefix + bound, [&](char* data, size_t) {
+            char* parts_begin = data + begin + prefix;
+            wire_writer w{parts_begin};
             for (unsigned k = 0; k < OBJECT_PART_COUNT; ++k) {
                 object.bounds[k] = static_cast<uint32_t>(w.at - data);
                 if (parts & (1u << k)) {
@@ -95,12 +109,32 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
                 }
             }
             object.bounds[OBJECT_PART_COUNT] = static_cast<uint32_t>(w.at - data);
-            RS_ASSERT(w.at <= data + begin + bound && "Object size bound too small");
-            return static_cast<size_t>(w.at - data);
+            RS_ASSERT(w.at <= parts_begin + bound && "Object size bound too small");
+            // A length shorter than the room left for it moves the parts
+            // down, which is rare: the bound is within a small factor of
+            // the size.
+            size_t size = static_cast<size_t>(w.at - parts_begin);
+            size_t gap = prefix - 1 - varint_size(size);
+            if (gap) {
+                std::memmove(parts_begin - gap, parts_begin, size);
+                for (uint32_t& at : object.bounds) {
+                    at -= static_cast<uint32_t>(gap);
+                }
+            }
+            wire_writer head{data + begin};
+            put_tag(head, SCENE_OBJECTS_FIELD, WIRE_LENGTH);
+            put_varint(head, size);
+            RS_ASSERT(head.at == parts_begin - gap);
+            return begin + prefix - gap + size;
         });
     }
     encoding.tail_begin = offset(bytes);
     append(bytes, tail.bytes, [&](wire_writer& w) { put_scene_tail(w, frame); });
+}
+
+bool scene_encoding_is_scene(const scene_encoding_t& encoding,
+                             const SerializeFrameOptions& options) {
+    return object_parts_for(options) == encoding.parts && (options.raw || !encoding.any_filtered);
 }
 
 bool scene_encoding_serves(const scene_encoding_t& encoding, const SerializeFrameOptions& options) {

@@ -13,6 +13,10 @@
 // scene of any subscriber's options is put together by copying parts: the
 // hand-off from the producer to the sending thread holds this instead of a
 // copy of the frame, which takes several times the memory of its scene.
+//
+// `bytes` is itself the scene of options that include exactly the parts
+// written and every object: the common case of subscribers that all ask for
+// the same, whose scene then needs no assembly.
 struct scene_encoding_t {
     // Where an object's parts lie in `bytes`: part k spans
     // [bounds[k], bounds[k + 1]).
@@ -22,10 +26,12 @@ struct scene_encoding_t {
     };
 
     unsigned parts = 0;  // the object parts written, one bit per object_part_t
-    std::string bytes;   // the scene's head, every object's parts, its tail
+    // The scene's head, every object's tag, length and parts, its tail.
+    std::string bytes;
     uint32_t head_end = 0;
     uint32_t tail_begin = 0;
     std::vector<object_t> objects;
+    bool any_filtered = false;
 };
 
 // Writes `frame` into `encoding`, reusing its storage, with `filtered_classes`
@@ -37,6 +43,11 @@ void scene_encoding_fill(scene_encoding_t& encoding, const RadarScene::Frame& fr
 // True when the scene under `options` can be assembled from `encoding`.
 bool scene_encoding_serves(const scene_encoding_t& encoding,
                            const RadarScene::SerializeFrameOptions& options);
+
+// True when `encoding.bytes` is the serialized scene under `options` (their
+// filtered_classes are those of the fill).
+bool scene_encoding_is_scene(const scene_encoding_t& encoding,
+                             const RadarScene::SerializeFrameOptions& options);
 
 // Replaces `out` with the serialized scene under `options`, which the
 // encoding must serve (their filtered_classes are those of the fill): the

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -147,12 +148,15 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
 }
 
 void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
-                       const std::function<void()>& assembled) {
+                       const std::function<void()>& done_with_encoding) {
     std::vector<send_target_t> targets;
     std::vector<fd_write_t> writes;
     // Sessions with the same options get the same bytes: each distinct
-    // option set is assembled once per send.
+    // option set is assembled once per send, unless the encoding's own
+    // bytes are its scene.
     std::array<std::string, 32> payloads;
+    std::array<std::string_view, 32> scenes;
+    bool reads_encoding = false;
     std::array<RadarScene::SerializeFrameOptions, 32> options;
     uint32_t distinct = 0;
     {
@@ -180,19 +184,26 @@ void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
         sender.sending = !targets.empty();
     }
     for (unsigned key = 0; key < payloads.size(); ++key) {
-        if (distinct & (1u << key)) {
+        if (!(distinct & (1u << key))) {
+            continue;
+        }
+        if (scene_encoding_is_scene(encoding, options[key])) {
+            scenes[key] = encoding.bytes;
+            reads_encoding = true;
+        } else {
             scene_encoding_assemble(payloads[key], encoding, options[key]);
+            scenes[key] = payloads[key];
         }
     }
-    if (assembled) {
-        assembled();
+    if (done_with_encoding && !reads_encoding) {
+        done_with_encoding();
     }
     if (targets.empty()) {
         return;
     }
     for (size_t i = 0; i < targets.size(); ++i) {
         send_target_t& t = targets[i];
-        const std::string& payload = payloads[t.key];
+        std::string_view payload = scenes[t.key];
         t.header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
         t.buffers[0] = {&t.header, sizeof(t.header)};
         t.buffers[1] = {const_cast<char*>(payload.data()), payload.size()};
@@ -201,6 +212,9 @@ void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
     }
     writev_each(writes.data(), writes.size(), RECORD_TIMEOUT_MS);
 
+    if (done_with_encoding && reads_encoding) {
+        done_with_encoding();
+    }
     release_payloads(payloads);
 
     bool any_broke = false;

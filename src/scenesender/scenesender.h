@@ -49,13 +49,14 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id);
 // Writes the scene to every healthy session that the encoding serves,
 // assembled with that session's options (a session whose options the
 // encoding lacks subscribed after the frame was pushed, and gets the next
-// one). `assembled` runs once every distinct scene has been put together,
-// when the encoding is read no more. All sessions are written at once, and a
-// record not fully written within one second fails, so a send takes at most
-// about a second however many subscribers stall. Sessions whose write fails
+// one). `done_with_encoding` runs as soon as the encoding is read no more:
+// once every distinct scene has been put together, or after the writes when
+// the encoding's own bytes are a session's scene. All sessions are written
+// at once, and a record not fully written within one second fails, so a
+// send takes at most about a second however many subscribers stall. Sessions whose write fails
 // are marked broken, reported once and passed to the error callback.
 void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
-                       const std::function<void()>& assembled);
+                       const std::function<void()>& done_with_encoding);
 
 // Reports and closes the sessions newly marked broken; returns their number.
 int cleanup_broken_sessions(scene_sender_t& sender);

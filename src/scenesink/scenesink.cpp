@@ -85,8 +85,9 @@ void set_pending(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
 }
 
 // Worker side: sends the scene of `handoff`, encoding it first if the push
-// did not. The hand-off is kept as the spare as soon as the scenes are
-// assembled, so a push during the writes reuses its storage.
+// did not. The hand-off is kept as the spare as soon as its encoding is read
+// no more, so a push during the writes of assembled scenes reuses its
+// storage.
 void send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
     if (!handoff->encoded) {
         scene_encoding_fill(handoff->encoding, handoff->frame,
