@@ -26,8 +26,8 @@ port=$(sed -n 's|.*serving http://127.0.0.1:\([0-9]*\)/|\1|p' "$work/view.log")
 # The scenes reach the protocol's own client exactly as the provider sends
 # them to a subscriber with the same options, and every scene update has the
 # public schema's shape.
-"$tools/radarscene-sub" --count 150 --bbox --polygon --velocity --geo --record "$work/pushed" \
-    >/dev/null &
+"$tools/radarscene-sub" --wait 10 --count 150 --bbox --polygon --velocity --geo \
+    --record "$work/pushed" >/dev/null &
 subscriber=$!
 node "$here/js/view_client.mjs" "ws://127.0.0.1:$port/" 20 >"$work/client.json" ||
     fail "the protocol's client"
