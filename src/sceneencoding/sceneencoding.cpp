@@ -38,11 +38,10 @@ bool included(const scene_encoding_t::object_t& object, const SerializeFrameOpti
     return options.raw || !object.filtered;
 }
 
-// The bytes an object of size bound `bound` takes at most with its tag and
-// length.
-size_t object_room(size_t bound) {
+// Room for the tag and length of an object of size bound `bound`.
+size_t object_prefix_room(size_t bound) {
     static_assert((SCENE_OBJECTS_FIELD << 3 | WIRE_LENGTH) < 0x80, "a one-byte tag");
-    return 1 + varint_size(bound) + bound;
+    return 1 + varint_size(bound);
 }
 
 size_t object_size(const scene_encoding_t::object_t& object, unsigned parts) {
@@ -70,7 +69,8 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
     // by step would copy it and leave the old blocks resident.
     size_t room = head.bytes + tail.bytes;
     for (const FrameObject& o : frame.objects) {
-        room += object_room(object_size_bound(o));
+        size_t bound = object_size_bound(o);
+        room += object_prefix_room(bound) + bound;
     }
     bytes.clear();
     if (bytes.capacity() < room) {
@@ -97,7 +97,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
         // behind room for its tag and for a length as long as its bound's.
         size_t begin = bytes.size();
         size_t bound = object_size_bound(o);
-        size_t prefix = object_room(bound) - bound;
+        size_t prefix = object_prefix_room(bound);
         RS_ASSERT(begin + prefix + bound < UINT32_MAX && "Scene too large");
         bytes.resize_and_overwrite(begin + prefix + bound, [&](char* data, size_t) {
             char* parts_begin = data + begin + prefix;

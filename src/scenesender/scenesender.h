@@ -53,8 +53,9 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id);
 // once every distinct scene has been put together, or after the writes when
 // the encoding's own bytes are a session's scene. All sessions are written
 // at once, and a record not fully written within one second fails, so a
-// send takes at most about a second however many subscribers stall. Sessions whose write fails
-// are marked broken, reported once and passed to the error callback.
+// send takes at most about a second however many subscribers stall.
+// Sessions whose write fails are marked broken, reported once and passed to
+// the error callback.
 void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
                        const std::function<void()>& done_with_encoding);
 
