@@ -9,6 +9,9 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -77,6 +80,15 @@ TEST(AddGeoLocation, FillsEveryObjectWhateverTheDeviceValidity) {
 }
 
 namespace {
+
+double projected_latitude() {
+    Frame frame;
+    FrameObject o;
+    o.set_position({0, 0, 0});
+    frame.objects = {o};
+    addGeoLocation(frame);
+    return frame.objects[0].geoposition.latitude;
+}
 
 // A stand-in for the platform's geolocation service, served on a loop
 // thread of its own so that the client's synchronous GetAll can be answered.
@@ -293,14 +305,6 @@ TEST(GeoLocationCurrent, ProcessWithoutAClientFollowsTheServiceOnItsOwn) {
     ASSERT_GE(sd_bus_open_user(&silent), 0);
     ASSERT_GE(sd_bus_request_name(silent, "com.tessel.GeoLocation1", 0), 0);
     geolocation_set_current(nullptr);
-    auto projected_latitude = [] {
-        Frame frame;
-        FrameObject o;
-        o.set_position({0, 0, 0});
-        frame.objects = {o};
-        addGeoLocation(frame);
-        return frame.objects[0].geoposition.latitude;
-    };
     auto started = std::chrono::steady_clock::now();
     EXPECT_DOUBLE_EQ(projected_latitude(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
@@ -311,4 +315,43 @@ TEST(GeoLocationCurrent, ProcessWithoutAClientFollowsTheServiceOnItsOwn) {
     EXPECT_TRUE(wait_until([&] { return projected_latitude() == 59.5; }));
     service.emit_change("latitude", 11);
     EXPECT_TRUE(wait_until([&] { return projected_latitude() == 11; }));
+}
+
+namespace {
+
+// A consumer that follows the service with a client of its own, then forks
+// a child that projects and exits: true when the child saw the service anew
+// and the parent's client still follows it afterwards.
+bool fork_leaves_both_clients_working() {
+    TestBus bus;
+    FakeGeoService service;
+    service.publish();
+    if (!wait_until([] { return projected_latitude() == 59.5; })) {
+        return false;
+    }
+    // Only a client that reads the service anew sees this.
+    service.latitude = 33;
+    pid_t child = fork();
+    if (child == 0) {
+        exit(wait_until([] { return projected_latitude() == 33; }) ? 0 : 1);
+    }
+    int status = -1;
+    bool ended = wait_until([&] { return waitpid(child, &status, WNOHANG) == child; });
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    fprintf(stderr, "child ended: %d, status %d\n", ended, status);
+    service.emit_change("latitude", 11);
+    return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0 &&
+           wait_until([] { return projected_latitude() == 11; });
+}
+
+}  // namespace
+
+// Runs in a process of its own, whose own client then stays out of the
+// other tests.
+TEST(GeoLocationForkDeathTest, ChildGetsItsOwnClientAndLeavesTheParents) {
+    geolocation_set_current(nullptr);
+    EXPECT_EXIT(exit(fork_leaves_both_clients_working() ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }

@@ -5,6 +5,7 @@
 #include "common/unique_fd.h"
 #include "geolocation/geoprojection.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -211,20 +213,31 @@ const GeoLocation* own_client = nullptr;
 class OwnClientThread {
 public:
     ~OwnClientThread() {
-        if (thread_.joinable()) {
+        if (thread_) {
             uint64_t one = 1;
             ssize_t ignored = write(stop_fd_.get(), &one, sizeof(one));
             (void)ignored;
-            thread_.join();
+            thread_->join();
         }
     }
 
-    // Starts the thread on the first call; the caller may hold current_mutex.
+    // Starts the thread on the first call. The caller holds current_mutex,
+    // shared, so start_mutex_ is free whenever fork() runs.
     void start() {
-        std::call_once(started_, [this] {
+        std::lock_guard lock(start_mutex_);
+        if (!thread_) {
             stop_fd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-            thread_ = std::thread([this] { run(); });
-        });
+            thread_ = std::make_unique<std::thread>([this] { run(); });
+        }
+    }
+
+    // In a forked child: the thread stayed with the parent, and so does the
+    // eventfd that stops it. The child lets go of both without touching
+    // them (its exit must not stop the parent's thread), and its next
+    // projection starts a client of its own.
+    void forget_after_fork() {
+        (void)thread_.release();
+        stop_fd_.reset();
     }
 
 private:
@@ -253,11 +266,32 @@ private:
     }
 
     unique_fd stop_fd_;
-    std::once_flag started_;
-    std::thread thread_;
+    std::mutex start_mutex_;
+    std::unique_ptr<std::thread> thread_;
 };
 
 OwnClientThread own_client_thread;
+
+// fork() runs with current_mutex held, so that the client pointers are in
+// a settled state. In the child, every client inherited belongs to a loop
+// or thread that runs only in the parent: they are let go of unused (their
+// connections are the parent's) and the child's first projection builds its
+// own. The child cannot unlock a lock taken under the parent's thread id,
+// so it starts from a new one.
+void lock_for_fork() {
+    current_mutex.lock();
+}
+void unlock_in_parent() {
+    current_mutex.unlock();
+}
+void forget_clients_in_child() {
+    (void)current_client.release();
+    own_client = nullptr;
+    own_client_thread.forget_after_fork();
+    new (&current_mutex) std::shared_mutex;
+}
+[[maybe_unused]] const int fork_handlers =
+    pthread_atfork(lock_for_fork, unlock_in_parent, forget_clients_in_child);
 
 }  // namespace
 
