@@ -194,3 +194,32 @@ TEST_F(SceneSink, AFramePushedDuringAWriteLeavesTheWrittenSceneAlone) {
     }
     scene_sink_stop(*sink);
 }
+
+// An object whose classification flag is set over an empty list: raw
+// subscribers get serializeFrame's raw bytes, small frame or large.
+TEST_F(SceneSink, RawSubscribersGetObjectsFlaggedWithoutClassifications) {
+    session_set_option5(*sender.session_list.front(), true);
+    RadarScene::Frame large = frame(1);
+    for (int i = 0; i < 4000; ++i) {
+        RadarScene::FrameObject o;
+        o.id = i;
+        o.set_classifications({{3, 0.5}});
+        o.set_polygon(std::vector<std::array<double, 2>>(40, {1.5, -2.5}));
+        large.objects.push_back(o);
+    }
+    large.objects[1].classifications.clear();
+    RadarScene::Frame small = large;
+    small.objects.resize(2);
+    RadarScene::SerializeFrameOptions options;
+    options.raw = true;
+    options.filtered_classes = 1u << 3;
+    scene_sink_start(*sink);
+    for (const RadarScene::Frame* f : {&small, &large}) {
+        scene_sink_push(*sink, *f, options.filtered_classes);
+        std::string expected, payload;
+        RadarScene::serializeFrame(expected, *f, options);
+        ASSERT_TRUE(read_record(peer.get(), payload));
+        EXPECT_EQ(payload, expected) << f->objects.size();
+    }
+    scene_sink_stop(*sink);
+}

@@ -38,6 +38,13 @@ bool included(const scene_encoding_t::object_t& object, const SerializeFrameOpti
     return options.raw || !object.filtered;
 }
 
+// The class filter of a scene that is not raw reads every object's first
+// classification, as serializeFrame's does.
+void check_class_filter(const scene_encoding_t& encoding, const SerializeFrameOptions& options) {
+    RS_ASSERT((options.raw || !encoding.any_unlabelled) &&
+              "Classification flag set without classifications");
+}
+
 // Room for the tag and length of an object of size bound `bound`.
 size_t object_prefix_room(size_t bound) {
     static_assert((SCENE_OBJECTS_FIELD << 3 | WIRE_LENGTH) < 0x80, "a one-byte tag");
@@ -61,6 +68,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
     parts &= (1u << OBJECT_PART_COUNT) - 1;
     encoding.parts = parts;
     encoding.any_filtered = false;
+    encoding.any_unlabelled = false;
     std::string& bytes = encoding.bytes;
     wire_size head, tail;
     put_scene_head(head, frame);
@@ -84,7 +92,9 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
         const FrameObject& o = frame.objects[i];
         RS_ASSERT(o.id >= 0);
         scene_encoding_t::object_t& object = encoding.objects[i];
-        object.filtered = frame_object_filtered(o, filtered_classes, false);
+        bool unlabelled = o.has_classifications() && o.classifications.empty();
+        encoding.any_unlabelled |= unlabelled;
+        object.filtered = !unlabelled && frame_object_filtered(o, filtered_classes, false);
         encoding.any_filtered |= object.filtered;
         // One query per object, so that its size and its bytes agree even
         // while the device position changes.
@@ -134,6 +144,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
 
 bool scene_encoding_is_scene(const scene_encoding_t& encoding,
                              const SerializeFrameOptions& options) {
+    check_class_filter(encoding, options);
     return object_parts_for(options) == encoding.parts && (options.raw || !encoding.any_filtered);
 }
 
@@ -144,6 +155,7 @@ bool scene_encoding_serves(const scene_encoding_t& encoding, const SerializeFram
 void scene_encoding_assemble(std::string& out, const scene_encoding_t& encoding,
                              const SerializeFrameOptions& options) {
     RS_ASSERT(scene_encoding_serves(encoding, options));
+    check_class_filter(encoding, options);
     unsigned parts = object_parts_for(options);
     const char* bytes = encoding.bytes.data();
     size_t tail_size = encoding.bytes.size() - encoding.tail_begin;

@@ -32,6 +32,9 @@ struct scene_encoding_t {
     uint32_t tail_begin = 0;
     std::vector<object_t> objects;
     bool any_filtered = false;
+    // An object's classification flag is set over an empty list: only raw
+    // scenes can be had, as from serializeFrame, which aborts otherwise.
+    bool any_unlabelled = false;
 };
 
 // Writes `frame` into `encoding`, reusing its storage, with `filtered_classes`
