@@ -27,3 +27,27 @@ TEST(Log, RepeatedLinesAreCountedInsteadOfWritten) {
     log_error("Refused subscriber %d", 100);
     EXPECT_EQ(log.count("<3>Refused subscriber 100\n"), 1);
 }
+
+// A kind pushed out of the table by newer ones reports its count before it
+// goes, and the counts still open are reported when the process exits.
+TEST(LogDeathTest, CountsAreReportedOnEvictionAndAtExit) {
+    StderrCapture log;
+    for (int i = 0; i < 10; ++i) {
+        log_error("Evicted kind %d", i);
+    }
+    for (char a = 'a'; a < 'e'; ++a) {
+        for (char b = 'a'; b <= 'p'; ++b) {
+            log_info("Kind %c%c", a, b);
+        }
+    }
+    EXPECT_EQ(log.count("<3>Suppressed 5 lines like: Evicted kind 0\n"), 1);
+
+    EXPECT_EXIT(
+        {
+            for (int i = 0; i < 8; ++i) {
+                log_error("Last words %d", i);
+            }
+            exit(0);
+        },
+        ::testing::ExitedWithCode(0), "<3>Suppressed 3 lines like: Last words 0\n");
+}

@@ -1,3 +1,4 @@
+#include "common/log.h"
 #include "geolocation/geolocation.h"
 #include "permo2_fake.h"
 #include "providerdbus/sdbuscompat.h"
@@ -229,4 +230,15 @@ TEST_F(SinkEndToEnd, EachSinkInstallsAGeolocationClientAndTakesItAlong) {
         EXPECT_NE(second_client, first);
     }
     EXPECT_NE(GeoLocationReader().get(), second_client);
+}
+
+// A flood of one kind of line is reported when its second is over, by the
+// Sink's timer, with no later line to carry the report.
+TEST_F(SinkEndToEnd, SuppressedLinesAreReportedWithoutALaterLine) {
+    StderrCapture log;
+    for (int i = 0; i < 20; ++i) {
+        log_warning("Frame %d late", i);
+    }
+    EXPECT_TRUE(
+        wait_until([&] { return log.count("<4>Suppressed 15 lines like: Frame 0 late\n"); }));
 }

@@ -40,8 +40,10 @@ struct Sink::Impl {
         check_call(sd_event_source_set_enabled(source, SD_EVENT_ON), "sd_event_source_set_enabled");
     }
 
-    // Removes the sessions whose writes failed, every second, on the loop.
+    // Removes the sessions whose writes failed, every second, on the loop,
+    // and reports the log lines left out in a second that is over.
     static int on_timer(sd_event_source* source, uint64_t, void* self) {
+        log_report_suppressed();
         channel_handler_t& handler = *static_cast<Impl*>(self)->handler;
         if (channel_handler_clear_broken_sessions(handler) < 0) {
             // The clear step refuses a full queue; empty it all the same, or
