@@ -324,3 +324,25 @@ TEST(SerializeFrame, WritesTheBytesOfTheBuiltMessage) {
     }
     EXPECT_GT(encodings_as_scenes, 300);
 }
+
+// The encoding reserves about what it writes: a bound of every part at its
+// largest would reserve forty times the scene of objects that carry only an
+// id.
+TEST(SceneEncoding, ReservesNearWhatItWrites) {
+    Frame ids, tracks;
+    for (int i = 0; i < 10000; ++i) {
+        FrameObject o;
+        o.id = i;
+        ids.objects.push_back(o);
+        o.set_position({12.5, -3.25, 0.5});
+        o.set_velocity3d({1.5, 2.5, 0.25});
+        o.set_bounding_box({1, 2, 3, 4});
+        o.set_classifications({{1, 0.75}});
+        tracks.objects.push_back(o);
+    }
+    for (const Frame* frame : {&ids, &tracks}) {
+        scene_encoding_t encoding;
+        scene_encoding_fill(encoding, *frame, 0, ~0u);
+        EXPECT_LE(encoding.bytes.capacity(), 2 * encoding.bytes.size());
+    }
+}

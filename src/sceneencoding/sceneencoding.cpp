@@ -74,10 +74,11 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
     put_scene_head(head, frame);
     put_scene_tail(tail, frame);
     // Room for the largest the scene can be, taken at once: growing it step
-    // by step would copy it and leave the old blocks resident.
+    // by step would copy it and leave the old blocks resident. Each object's
+    // bound counts only what it has, so the room stays near the size.
     size_t room = head.bytes + tail.bytes;
     for (const FrameObject& o : frame.objects) {
-        size_t bound = object_size_bound(o);
+        size_t bound = object_parts_bound(o, parts);
         room += object_prefix_room(bound) + bound;
     }
     bytes.clear();
@@ -106,7 +107,7 @@ void scene_encoding_fill(scene_encoding_t& encoding, const Frame& frame, uint32_
         // Written in place into room for the largest the object can be,
         // behind room for its tag and for a length as long as its bound's.
         size_t begin = bytes.size();
-        size_t bound = object_size_bound(o);
+        size_t bound = object_parts_bound(o, parts);
         size_t prefix = object_prefix_room(bound);
         RS_ASSERT(begin + prefix + bound < UINT32_MAX && "Scene too large");
         bytes.resize_and_overwrite(begin + prefix + bound, [&](char* data, size_t) {

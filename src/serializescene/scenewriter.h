@@ -30,12 +30,50 @@ enum object_part_t : unsigned {
 // The parts that `options` include, one bit per object_part_t.
 unsigned object_parts_for(const RadarScene::SerializeFrameOptions& options);
 
-// At least the size of all of an object's parts together: every part at its
-// largest, with tags, five-byte lengths and varints.
+// At least the size of all of an object's parts together, whatever it has:
+// every part at its largest, with tags, five-byte lengths and varints. A
+// quick measure of what copying the object costs.
 inline size_t object_size_bound(const RadarScene::FrameObject& o) {
     constexpr size_t FIXED = 160, PER_LABEL = 13, PER_POINT = 12, PER_ELEMENT = 4;
     return FIXED + PER_LABEL * o.classifications.size() + PER_POINT * o.polygon.size() +
            PER_ELEMENT * o.covariance.size();
+}
+
+// At least the size of the object's parts in `parts` (one bit per
+// object_part_t), counting only the members the object has, each at its
+// largest: within about twice what they take, so that room reserved by it
+// stays near the scene's size.
+inline size_t object_parts_bound(const RadarScene::FrameObject& o, unsigned parts) {
+    auto in = [parts](object_part_t part) { return (parts >> part & 1u) != 0; };
+    // Largest sizes with tags: a varint field, a float field, a length, a
+    // message of two or three floats, a label, a vertex, a geoposition.
+    constexpr size_t VARINT = 6, FLOAT = 5, LENGTH = 6, FLOATS = 17, LABEL = 13, POINT = 12,
+                     GEO = 35;
+    size_t bound = 0;
+    if (in(OBJECT_PART_HEAD)) {
+        bound += VARINT + (o.has_confidence() ? FLOAT : 0) +
+                 (o.has_classifications() ? LENGTH + LABEL * o.classifications.size() : 0);
+    }
+    if (in(OBJECT_PART_BOUNDING_BOX) && o.has_bounding_box()) {
+        bound += 2 + 4 * FLOAT;
+    }
+    if (in(OBJECT_PART_POLYGON) && o.has_polygon()) {
+        bound += LENGTH + POINT * o.polygon.size();
+    }
+    if (in(OBJECT_PART_VELOCITY) && (o.has_velocity() || o.has_velocity3d())) {
+        bound += FLOATS;
+    }
+    if (in(OBJECT_PART_BODY)) {
+        bound += (o.has_position() ? FLOATS : 0) + (o.has_area() ? FLOAT : 0) +
+                 (o.has_covariance() ? 2 * LENGTH + sizeof(float) * o.covariance.size() : 0);
+    }
+    if (in(OBJECT_PART_VELOCITY3D) && o.has_velocity3d()) {
+        bound += FLOATS;
+    }
+    if (in(OBJECT_PART_GEOPOSITION) && (o.has_geoposition() || o.has_position())) {
+        bound += GEO;
+    }
+    return bound;
 }
 
 // Puts one part of an object's fields, where `W` is wire_size or
