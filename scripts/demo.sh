@@ -60,6 +60,14 @@ fi
 
 "$tools/radarscene-geosim" --lat 59.3293 --lon 18.0686 --heading 30 --drift 2 &
 pids+=($!)
+# The producer and the subscriber say whether scenes carry geographic
+# positions when they start: the simulator must own its name by then.
+for _ in $(seq 100); do
+    dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+        org.freedesktop.DBus.NameHasOwner string:com.tessel.GeoLocation1 2>/dev/null |
+        grep -q "boolean true" && break
+    sleep 0.1
+done
 "$tools/radarscene-demo-producer" --rate 20 &
 pids+=($!)
 
