@@ -10,9 +10,13 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 namespace {
 
@@ -54,15 +58,44 @@ RadarScene::Frame synthetic_frame(uint64_t now_ns, uint64_t number, int objects)
     return frame;
 }
 
-// Each frame carries the time it is pushed at. A producer that cannot keep
-// its rate (big frames) skips the ticks it missed instead of pushing them
-// late, as a radar would: its frames never queue up behind the clock.
-int on_frame_timer(sd_event_source* source, uint64_t usec, void* userdata) {
-    auto* p = static_cast<producer*>(userdata);
-    p->sink->push(0, synthetic_frame(tool_monotonic_ns(), p->frame_number++, p->objects));
-    sd_event_source_set_time(source, std::max(usec + p->period_usec, tool_monotonic_ns() / 1000));
-    return 0;
-}
+// Pushes the frames from a thread of its own, as a radar application's
+// acquisition thread would: push waits while the producer runs ahead of a
+// subscriber whose socket is full, and the event loop, which answers every
+// D-Bus call of the provider, must never wait with it. Each frame carries the
+// time it is pushed at. A producer that cannot keep its rate (big frames)
+// skips the ticks it missed instead of pushing them late, as a radar would:
+// its frames never queue up behind the clock.
+class frame_thread {
+public:
+    explicit frame_thread(producer& p) : thread_([this, &p] { run(p); }) {}
+    ~frame_thread() {
+        {
+            std::lock_guard lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+private:
+    void run(producer& p) {
+        auto next = std::chrono::steady_clock::now();
+        std::unique_lock lock(mutex_);
+        while (!stop_) {
+            lock.unlock();
+            p.sink->push(0, synthetic_frame(tool_monotonic_ns(), p.frame_number++, p.objects));
+            lock.lock();
+            next = std::max(next + std::chrono::microseconds(p.period_usec),
+                            std::chrono::steady_clock::now());
+            wake_.wait_until(lock, next, [this] { return stop_; });
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stop_ = false;
+    std::thread thread_;  // last: it starts once the members above exist
+};
 
 producer parse_options(int argc, char** argv) {
     enum { RATE = 1, OBJECTS };
@@ -103,19 +136,13 @@ int run(producer& p) {
     RadarScene::ConnectionEventSource dbus_source(*connection, event);
 
     p.sink = &sink;
-    uint64_t now = 0;
-    sd_event_now(event, CLOCK_MONOTONIC, &now);
-    // Enabled for good, the time source fires again at every new time it is
-    // given; an accuracy of 1 us keeps sd-event from batching the frames.
-    sd_event_source* frames = nullptr;
-    tool_check(sd_event_add_time(event, &frames, CLOCK_MONOTONIC, now, 1, on_frame_timer, &p),
-               "sd_event_add_time");
-    sd_event_source_set_enabled(frames, SD_EVENT_ON);
-
     tool_note_missing_geolocation();
     fprintf(stderr, "radarscene-demo-producer: serving channel 0 as %s\n", PROVIDER_SERVICE);
-    int r = sd_event_loop(event);
-    sd_event_source_disable_unref(frames);
+    int r = 0;
+    {
+        frame_thread frames(p);
+        r = sd_event_loop(event);
+    }
     fprintf(stderr, "radarscene-demo-producer: stopped after %llu frames\n",
             static_cast<unsigned long long>(p.frame_number));
     return r < 0 ? 1 : 0;
