@@ -2,6 +2,7 @@
 #include "permo2_fake.h"
 #include "providerdbus/providerscene.h"
 #include "providerdbus/scene_proxy.h"
+#include "providerdbus/statistics_proxy.h"
 #include "support/eventloopthread.h"
 #include "support/fakedevice.h"
 #include "support/testbus.h"
@@ -13,15 +14,19 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
+using API::SdBusCpp::ChannelRow;
 using API::SdBusCpp::ProviderScene;
+using API::SdBusCpp::SessionRow;
 
 namespace {
 
@@ -39,6 +44,18 @@ public:
     }
     ~SceneClient() { unregisterProxy(); }
     using ProxyInterfaces::getProxy;
+};
+
+// The statistics object as a monitoring tool sees it.
+class StatisticsClient
+    : public sdbus::ProxyInterfaces<com::tessel::RadarSceneProvider1::Statistics_proxy> {
+public:
+    explicit StatisticsClient(sdbus::IConnection& connection)
+        : ProxyInterfaces(connection, sdbus_compat::ServiceName(SERVICE),
+                          sdbus_compat::ObjectPath(std::string(PATH) + "/Statistics")) {
+        registerProxy();
+    }
+    ~StatisticsClient() { unregisterProxy(); }
 };
 
 // Calls `member` and returns "name: message" of the error, or "" on success.
@@ -512,4 +529,68 @@ TEST_F(Provider, QueuedRequestsTakeTurnsWithTheLoopsOtherSources) {
     loop.run([&] { sd_event_source_disable_unref(always_due); });
     sd_bus_flush_close_unref(flood);
     EXPECT_LE(turns.most, 3u);
+}
+
+TEST_F(Provider, StatisticsCountWhatTheReadersReadAndHowSessionsEnded) {
+    start();
+    StatisticsClient statistics(*client_connection);
+    int64_t before = realtime_usec();
+    auto [kept, kept_id] = client->SubscribeSocket(3, 0, {});
+    auto [left, left_id] = client->SubscribeSocket(3, 0, {{"BOUNDINGBOX_ENABLED", true}});
+    auto [closed, closed_id] = client->SubscribeSocket(3, 0, {});
+    int64_t after = realtime_usec();
+    shutdown(closed.get(), SHUT_RDWR);
+    RadarScene::Frame frame;
+    RadarScene::FrameObject o;
+    o.set_bounding_box({1, 2, 3, 4});
+    frame.objects = {o, o};
+    uint64_t bytes[2] = {};
+    for (uint64_t time = 1; time <= 3; ++time) {
+        frame.time = time;
+        channel_handler_push(*handler, 0, frame, 0);
+        int index = 0;
+        for (const sdbus::UnixFd* handle : {&kept, &left}) {
+            std::string payload;
+            ASSERT_TRUE(read_record(handle->get(), payload));
+            bytes[index++] += payload.size() + 4;
+        }
+    }
+    ASSERT_TRUE(wait_until([&] {
+        std::lock_guard lock(handler->broken_sessions_mutex);
+        return handler->broken_sessions.count == 1;
+    }));
+    channel_handler_clear_broken_sessions(*handler);
+    client->UnsubscribeSocket(left_id);
+
+    std::ifstream comm_file("/proc/self/comm");
+    std::string comm;
+    std::getline(comm_file, comm);
+    auto rows = statistics.GetSessions();
+    ASSERT_EQ(rows.size(), 3u);
+    int64_t subscribed = rows[0].get<2>();
+    EXPECT_EQ(rows[0], SessionRow(kept_id, 0, subscribed, static_cast<uint32_t>(getpid()), comm, 3,
+                                  0, bytes[0], "active"));
+    EXPECT_GE(subscribed, before);
+    EXPECT_LE(subscribed, after);
+    EXPECT_EQ(rows[1], SessionRow(left_id, 0, rows[1].get<2>(), static_cast<uint32_t>(getpid()),
+                                  comm, 3, 0, bytes[1], "unsubscribed"));
+    EXPECT_EQ(rows[2].get<0>(), closed_id);
+    EXPECT_EQ(rows[2].get<5>(), 0u);
+    EXPECT_EQ(rows[2].get<8>(), "broken-error");
+    EXPECT_EQ(statistics.GetChannels(),
+              std::vector<ChannelRow>{ChannelRow(0, 1, 3, 6, 0, bytes[0] + bytes[1], 1)});
+}
+
+TEST_F(Provider, StatisticsAreRefusedAsTheSceneMethodsAre) {
+    start();
+    StatisticsClient statistics(*client_connection);
+    permo2_fake::refuse(2, "User may not watch");
+    EXPECT_EQ(error_of([&] { statistics.GetSessions(); }),
+              "org.freedesktop.DBus.Error.AccessDenied: User may not watch");
+    EXPECT_EQ(error_of([&] { statistics.GetChannels(); }),
+              "org.freedesktop.DBus.Error.AccessDenied: User may not watch");
+    auto checks = permo2_fake::checks();
+    ASSERT_EQ(checks.size(), 2u);
+    EXPECT_EQ(checks[0].permission, "com.tessel.RadarSceneProvider1.Statistics.GetSessions");
+    EXPECT_EQ(checks[1].permission, "com.tessel.RadarSceneProvider1.Statistics.GetChannels");
 }

@@ -115,6 +115,7 @@ TEST_F(SceneSender, ClosedPeerIsReportedOnceAndOthersStillReceive) {
     EXPECT_TRUE(read_record(alive.get(), payload));
     EXPECT_TRUE(scene_sender_remove_session(sender, 4));
     EXPECT_FALSE(scene_sender_remove_session(sender, 4));
+    EXPECT_EQ(sender.ended.front().end, SESSION_END_ERROR);
 }
 
 TEST_F(SceneSender, SlowReaderIsDroppedAtItsFirstLateRecord) {
@@ -149,6 +150,8 @@ TEST_F(SceneSender, SlowReaderIsDroppedAtItsFirstLateRecord) {
     shutdown(slow.get(), SHUT_RDWR);
     slow_reader.join();
     EXPECT_EQ(reported, std::vector<int>{1});
+    EXPECT_TRUE(scene_sender_remove_session(sender, 1));
+    EXPECT_EQ(sender.ended.front().end, SESSION_END_DEADLINE);
     EXPECT_EQ(log.count("<4>Broken session: 1 (pid: 2147483647, comm: (unknown)): " +
                         std::string(strerror(EAGAIN)) + "\n"),
               1);

@@ -152,6 +152,30 @@ void channel_handler_try_push(channel_handler_t& handler, int channel_index,
     }
 }
 
+void channel_handler_get_stats(channel_handler_t& handler, std::vector<session_stats_t>& sessions,
+                               std::vector<channel_stats_t>& channels) {
+    std::lock_guard lock(handler.sessions_mutex);
+    for (int index = 0; index < MAX_CHANNELS; ++index) {
+        if (!handler.channels[index]) {
+            continue;
+        }
+        size_t first = sessions.size();
+        channel_stats_t totals;
+        scene_sender_get_stats(*handler.channels[index]->scene_sender, sessions, totals);
+        totals.channel = index;
+        channels.push_back(totals);
+        for (size_t i = first; i < sessions.size(); ++i) {
+            sessions[i].channel = index;
+        }
+    }
+    std::stable_sort(sessions.begin(), sessions.end(), [](const auto& a, const auto& b) {
+        if (a.ended_seq == 0 || b.ended_seq == 0) {
+            return a.ended_seq == b.ended_seq ? a.id < b.id : a.ended_seq == 0;
+        }
+        return a.ended_seq > b.ended_seq;
+    });
+}
+
 bool channel_handler_has_session(channel_handler_t& handler, int session_id) {
     std::lock_guard lock(handler.sessions_mutex);
     for (auto& channel : handler.channels) {

@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 constexpr int MAX_CHANNELS = 16;
 constexpr int MAX_ACTIVE_SESSION_IDS = 32;
@@ -61,5 +62,10 @@ void channel_handler_push(channel_handler_t& handler, int channel_index,
 // As channel_handler_push, but never waits (see channel_try_push).
 void channel_handler_try_push(channel_handler_t& handler, int channel_index,
                               const RadarScene::Frame& frame, unsigned long raw_mask);
+// Every channel's sessions, those in the lists first in id order, then the
+// remembered ended ones newest first; and each channel's totals. Runs on the
+// event loop.
+void channel_handler_get_stats(channel_handler_t& handler, std::vector<session_stats_t>& sessions,
+                               std::vector<channel_stats_t>& channels);
 // True while a session with this id exists on any channel.
 bool channel_handler_has_session(channel_handler_t& handler, int session_id);

@@ -50,7 +50,8 @@ ProviderScene::ProviderScene(sdbus::IConnection& connection, std::string service
       classificationClient_(sdbus::createProxy(connection,
                                                sdbus_compat::ServiceName(WELL_KNOWN_NAME),
                                                sdbus_compat::ObjectPath(WELL_KNOWN_PATH))),
-      uniqueName_(connection.getUniqueName()) {
+      uniqueName_(connection.getUniqueName()),
+      statistics_(connection, std::string(getObject().getObjectPath()) + "/Statistics", handler) {
     registerAdaptor();
     if (requestNameNow) {
         requestName();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "providerdbus/dbus.h"
+#include "providerdbus/providerstatistics.h"
 #include "providerdbus/scene_adaptor.h"
 #include "providerdbus/sdbuscompat.h"
 
@@ -49,6 +50,8 @@ private:
     // The unique bus name that subscribed each live session; event loop only.
     std::map<int32_t, std::string> sessionOwners_;
     bool nameRequested_ = false;
+    // At the Scene object's path + "/Statistics".
+    ProviderStatistics statistics_;
 };
 
 }  // namespace API::SdBusCpp

@@ -77,6 +77,22 @@ void release_payloads(std::array<std::string, 32>& payloads) {
 #endif
 }
 
+std::atomic<uint64_t> ended_count{0};
+
+// Keeps the counters of a session leaving the list; the caller holds the
+// mutex.
+void remember_ended(scene_sender_t& sender, const session_t& session) {
+    session_stats_t stats = session_get_stats(session);
+    if (stats.end == SESSION_END_ACTIVE) {
+        stats.end = SESSION_END_UNSUBSCRIBED;
+    }
+    stats.ended_seq = ++ended_count;
+    sender.ended.push_front(std::move(stats));
+    if (sender.ended.size() > ENDED_SESSIONS_KEPT) {
+        sender.ended.pop_back();
+    }
+}
+
 const char* comm_or_unknown(const session_t& session) {
     const char* comm = session_get_comm(session);
     return comm ? comm : "(unknown)";
@@ -105,6 +121,7 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
         log_error("Failed to set socket timeout: %s", strerror(errno));
         return -1;
     }
+    session->subscribed_usec = realtime_usec();
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);
     sender.session_list.push_back(std::move(session));
@@ -116,6 +133,7 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id) {
     std::lock_guard lock(sender.mutex);
     for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
         if (session_get_id(**it) == id) {
+            remember_ended(sender, **it);
             if (sender.sending) {
                 // The subscriber sees its stream end now; the descriptor
                 // itself closes when the send that may write to it ends.
@@ -222,10 +240,17 @@ void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
     {
         std::lock_guard lock(sender.mutex);
         for (size_t i = 0; i < targets.size(); ++i) {
+            session_t& session = *targets[i].session;
+            session.bytes_written += writes[i].written;
+            sender.totals.bytes_written += writes[i].written;
             if (writes[i].result < 0) {
-                targets[i].session->error = -writes[i].result;
-                session_set_state(*targets[i].session, SESSION_STATE_BROKEN);
+                session.error = -writes[i].result;
+                session_set_state(session, SESSION_STATE_BROKEN);
+                ++sender.totals.sessions_broken;
                 any_broke = true;
+            } else {
+                ++session.scenes_written;
+                ++sender.totals.scenes_written;
             }
         }
         sender.sending = false;
@@ -234,6 +259,18 @@ void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
     if (any_broke) {
         cleanup_broken_sessions(sender);
     }
+}
+
+void scene_sender_get_stats(const scene_sender_t& sender, std::vector<session_stats_t>& sessions,
+                            channel_stats_t& totals) {
+    std::lock_guard lock(sender.mutex);
+    for (const auto& session : sender.session_list) {
+        sessions.push_back(session_get_stats(*session));
+    }
+    sessions.insert(sessions.end(), sender.ended.begin(), sender.ended.end());
+    totals = sender.totals;
+    totals.active_sessions = static_cast<uint32_t>(sender.session_list.size());
+    totals.frames_pushed = sender.frames_pushed.load(std::memory_order_relaxed);
 }
 
 int cleanup_broken_sessions(scene_sender_t& sender) {

@@ -3,14 +3,17 @@
 #include "common/unique_fd.h"
 #include "sceneencoding/sceneencoding.h"
 #include "session/session.h"
+#include "sessionstats/sessionstats.h"
 
 #include <radarscene/RadarScene.h>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 // The sessions of one channel and the writing of scenes to them. `mutex`
 // guards the list and every session in it; it is the innermost of the
@@ -30,7 +33,16 @@ struct scene_sender_t {
     // The object parts that the sessions' options include, read by the
     // producer without the mutex to encode only what is needed.
     std::atomic<unsigned> wanted_parts{0};
+    // Counted by the producer's pushes, which take no lock.
+    std::atomic<uint64_t> frames_pushed{0};
+    // The channel's totals but frames_pushed and active_sessions, and the
+    // newest ended sessions, newest first.
+    channel_stats_t totals;
+    std::deque<session_stats_t> ended;
 };
+
+// How many ended sessions a sender remembers.
+constexpr size_t ENDED_SESSIONS_KEPT = 32;
 
 void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback);
 
@@ -58,6 +70,11 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id);
 // the error callback.
 void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
                        const std::function<void()>& done_with_encoding);
+
+// Appends the counters of the sessions in the list, then those of the
+// remembered ended ones, newest first; `totals` gets the channel's totals.
+void scene_sender_get_stats(const scene_sender_t& sender, std::vector<session_stats_t>& sessions,
+                            channel_stats_t& totals);
 
 // Reports and closes the sessions newly marked broken; returns their number.
 int cleanup_broken_sessions(scene_sender_t& sender);

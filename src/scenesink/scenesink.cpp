@@ -149,6 +149,7 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
     if (!sink.run_thread) {
         return;
     }
+    sink.sender->frames_pushed.fetch_add(1, std::memory_order_relaxed);
     wait(sink.slot_free);
     std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
     {
@@ -163,6 +164,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
     if (!sink.run_thread) {
         return;
     }
+    sink.sender->frames_pushed.fetch_add(1, std::memory_order_relaxed);
     std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
     bool got_slot;
     {

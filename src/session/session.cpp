@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -81,6 +82,21 @@ const char* session_get_comm(const session_t& session) {
 void session_set_format(session_t& session, scene_format_t value) {
     RS_ASSERT(value == SCENE_FORMAT_PROTO_1 && "Invalid session format specified!");
     session.format = value;
+}
+
+session_stats_t session_get_stats(const session_t& session) {
+    session_stats_t stats;
+    stats.id = session.id;
+    stats.subscribed_usec = session.subscribed_usec;
+    stats.pid = session.pid;
+    stats.comm = session.comm ? session.comm : "";
+    stats.scenes_written = session.scenes_written;
+    stats.frames_replaced = session.frames_replaced;
+    stats.bytes_written = session.bytes_written;
+    if (session.state == SESSION_STATE_BROKEN || session.state == SESSION_STATE_CLOSED) {
+        stats.end = session.error == EAGAIN ? SESSION_END_DEADLINE : SESSION_END_ERROR;
+    }
+    return stats;
 }
 
 #define DEFINE_SESSION_OPTION(n)                                 \

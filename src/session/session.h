@@ -2,6 +2,7 @@
 
 #include "common/subscription.h"
 #include "common/unique_fd.h"
+#include "sessionstats/sessionstats.h"
 
 #include <cstdint>
 
@@ -33,6 +34,10 @@ struct session_t {
     bool option2 = false;
     bool option3 = false;
     scene_format_t format = SCENE_FORMAT_PROTO_1;
+    int64_t subscribed_usec = 0;  // CLOCK_REALTIME
+    uint64_t scenes_written = 0;
+    uint64_t frames_replaced = 0;
+    uint64_t bytes_written = 0;
 };
 
 void session_set_id(session_t& session, int id);
@@ -46,6 +51,9 @@ void session_set_pid(session_t& session, unsigned pid);
 unsigned session_get_pid(const session_t& session);
 const char* session_get_comm(const session_t& session);
 void session_set_format(session_t& session, scene_format_t value);
+// The session's counters; a broken session ended by its deadline when its
+// error is EAGAIN, by an error otherwise.
+session_stats_t session_get_stats(const session_t& session);
 
 void session_set_option1(session_t& session, bool value);
 void session_set_option2(session_t& session, bool value);
