@@ -7,22 +7,24 @@
 #include <arpa/inet.h>
 #include <malloc.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
-#include <string_view>
+#include <optional>
 #include <vector>
 
 namespace {
 
-constexpr timeval SEND_TIMEOUT = {1, 0};
-// A record that is not fully written within this time breaks its session,
-// however much the subscriber reads meanwhile.
-constexpr int RECORD_TIMEOUT_MS = 1000;
+using clock_type = std::chrono::steady_clock;
+
 constexpr size_t TRIM_AFTER_BYTES = 8 << 20;
+constexpr size_t OPTION_SETS = 32;
+
+using scene_ptr = std::shared_ptr<const std::string>;
 
 RadarScene::SerializeFrameOptions session_options(const session_t& session) {
     RadarScene::SerializeFrameOptions options;
@@ -43,15 +45,10 @@ unsigned options_key(const session_t& session) {
            static_cast<unsigned>(session_get_option5(session)) << 4;
 }
 
-// One session's part of a send: its record, header and payload handed to
-// the kernel in one gathered write, with the big-endian length that counts
-// itself.
-struct send_target_t {
-    session_t* session;
-    unsigned key;
-    uint32_t header;
-    iovec buffers[2];
-};
+bool healthy(const session_t& session) {
+    session_state_t state = session_get_state(session);
+    return state != SESSION_STATE_BROKEN && state != SESSION_STATE_CLOSED;
+}
 
 // Called with the mutex held, whenever the list changes.
 void update_wanted_parts(scene_sender_t& sender) {
@@ -62,19 +59,32 @@ void update_wanted_parts(scene_sender_t& sender) {
     sender.wanted_parts = parts;
 }
 
-// Frees the scenes of a send. After huge ones the allocator is asked to give
-// the memory back, which it otherwise keeps for reuse.
-void release_payloads(std::array<std::string, 32>& payloads) {
-    size_t bytes = 0;
-    for (std::string& payload : payloads) {
-        bytes += payload.capacity();
-        std::string().swap(payload);
+// Drops a reference to a scene, counting its memory when it was the last.
+void release(scene_sender_t& sender, scene_ptr& scene) {
+    if (scene && scene.use_count() == 1) {
+        sender.freed_bytes += scene->capacity();
     }
+    scene.reset();
+}
+
+// After huge scenes have been freed the allocator is asked to give the
+// memory back, which it otherwise keeps for reuse. Called without the mutex.
+void trim_after(size_t freed_bytes) {
 #ifdef __GLIBC__
-    if (bytes > TRIM_AFTER_BYTES) {
+    if (freed_bytes > TRIM_AFTER_BYTES) {
         malloc_trim(0);
     }
+#else
+    (void)freed_bytes;
 #endif
+}
+
+size_t take_freed_bytes(scene_sender_t& sender) {
+    size_t freed = sender.freed_bytes;
+    if (freed > TRIM_AFTER_BYTES) {
+        sender.freed_bytes = 0;
+    }
+    return freed;
 }
 
 std::atomic<uint64_t> ended_count{0};
@@ -98,6 +108,89 @@ const char* comm_or_unknown(const session_t& session) {
     return comm ? comm : "(unknown)";
 }
 
+void mark_broken(scene_sender_t& sender, session_t& session, int error) {
+    session.error = error;
+    session_set_state(session, SESSION_STATE_BROKEN);
+    ++sender.totals.sessions_broken;
+    release(sender, session.record);
+    release(sender, session.next);
+}
+
+// Makes `scene` the session's record in progress.
+void start_record(session_t& session, scene_ptr scene, clock_type::time_point now) {
+    session.record = std::move(scene);
+    session.record_written = 0;
+    session.record_since = now;
+}
+
+// Writes the record in progress, and those after it, until the socket takes
+// no more: 0 when no record is left, -EAGAIN when the socket is full, or the
+// negative errno of a failed write.
+int write_records(scene_sender_t& sender, session_t& session) {
+    while (session.record) {
+        const std::string& scene = *session.record;
+        uint32_t header = htonl(static_cast<uint32_t>(scene.size() + sizeof(header)));
+        iovec buffers[2] = {{&header, sizeof(header)},
+                            {const_cast<char*>(scene.data()), scene.size()}};
+        size_t skip = session.record_written;
+        int first = skip < sizeof(header) ? 0 : 1;
+        if (first == 0) {
+            buffers[0] = {reinterpret_cast<char*>(&header) + skip, sizeof(header) - skip};
+        } else {
+            buffers[1] = {const_cast<char*>(scene.data()) + skip - sizeof(header),
+                          scene.size() + sizeof(header) - skip};
+        }
+        unsigned written = 0;
+        int result = writev_all(session_get_fd(session), buffers + first, 2 - first, &written, 0);
+        session.record_written += written;
+        session.bytes_written += written;
+        sender.totals.bytes_written += written;
+        if (result < 0) {
+            return result;
+        }
+        ++session.scenes_written;
+        ++sender.totals.scenes_written;
+        release(sender, session.record);
+        start_record(session, std::move(session.next), clock_type::now());
+    }
+    return 0;
+}
+
+// Writes what the socket takes of the session's records, breaking it when a
+// write fails or its record in progress has waited out its deadline. True
+// when the session broke.
+bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
+    int result = write_records(sender, session);
+    if (result == 0 || (result == -EAGAIN && now - session.record_since < sender.record_timeout)) {
+        return false;
+    }
+    mark_broken(sender, session, -result);
+    return true;
+}
+
+// Whether any session, removed ones included, has a record in progress;
+// the caller holds the mutex.
+bool records_in_progress(const scene_sender_t& sender) {
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& session : *list) {
+            if (session->record && healthy(*session)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// The sessions whose sockets poll found ready for writing, or broken.
+bool ready(const session_t& session, const std::vector<pollfd>& polls) {
+    for (const pollfd& p : polls) {
+        if (p.fd == session_get_fd(session)) {
+            return p.revents != 0;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 void scene_sender_set_error_callback(scene_sender_t& sender, std::function<void(int)> callback) {
@@ -116,11 +209,6 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
     }
     unique_fd own_end(fds[0]);
     unique_fd peer_end(fds[1]);
-    if (setsockopt(own_end.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof(SEND_TIMEOUT)) <
-        0) {
-        log_error("Failed to set socket timeout: %s", strerror(errno));
-        return -1;
-    }
     session->subscribed_usec = realtime_usec();
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);
@@ -132,14 +220,15 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
 bool scene_sender_remove_session(scene_sender_t& sender, int id) {
     std::lock_guard lock(sender.mutex);
     for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
-        if (session_get_id(**it) == id) {
-            remember_ended(sender, **it);
-            if (sender.sending) {
-                // The subscriber sees its stream end now; the descriptor
-                // itself closes when the send that may write to it ends.
-                shutdown(session_get_fd(**it), SHUT_RDWR);
-                sender.retired.splice(sender.retired.end(), sender.session_list, it);
+        session_t& session = **it;
+        if (session_get_id(session) == id) {
+            if (session.record && session.record_written > 0) {
+                // The record the subscriber has begun to read is finished
+                // first; nothing follows it.
+                release(sender, session.next);
+                sender.closing.splice(sender.closing.end(), sender.session_list, it);
             } else {
+                remember_ended(sender, session);
                 sender.session_list.erase(it);
             }
             update_wanted_parts(sender);
@@ -165,99 +254,159 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
     return false;
 }
 
-void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
+bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
                        const std::function<void()>& done_with_encoding) {
-    std::vector<send_target_t> targets;
-    std::vector<fd_write_t> writes;
     // Sessions with the same options get the same bytes: each distinct
     // option set is assembled once per send, unless the encoding's own
     // bytes are its scene.
-    std::array<std::string, 32> payloads;
-    std::array<std::string_view, 32> scenes;
-    bool reads_encoding = false;
-    std::array<RadarScene::SerializeFrameOptions, 32> options;
+    std::array<RadarScene::SerializeFrameOptions, OPTION_SETS> options;
     uint32_t distinct = 0;
     {
         std::lock_guard lock(sender.mutex);
-        for (auto& session_ptr : sender.session_list) {
-            RS_ASSERT(session_ptr);
-            session_t& session = *session_ptr;
-            session_state_t state = session_get_state(session);
-            if (state == SESSION_STATE_BROKEN || state == SESSION_STATE_CLOSED) {
+        for (const auto& session : sender.session_list) {
+            unsigned key = options_key(*session);
+            if (!healthy(*session) || (distinct & (1u << key))) {
                 continue;
             }
-            unsigned key = options_key(session);
-            if (!(distinct & (1u << key))) {
-                options[key] = session_options(session);
-                if (!scene_encoding_serves(encoding, options[key])) {
-                    continue;
-                }
+            options[key] = session_options(*session);
+            if (scene_encoding_serves(encoding, options[key])) {
                 distinct |= 1u << key;
             }
-            targets.push_back({&session, key, 0, {}});
-            fd_write_t w;
-            w.fd = session_get_fd(session);
-            writes.push_back(w);
         }
-        sender.sending = !targets.empty();
     }
-    for (unsigned key = 0; key < payloads.size(); ++key) {
+    std::array<std::shared_ptr<std::string>, OPTION_SETS> scenes;
+    uint32_t as_encoded = 0;
+    for (unsigned key = 0; key < OPTION_SETS; ++key) {
         if (!(distinct & (1u << key))) {
             continue;
         }
         if (scene_encoding_is_scene(encoding, options[key])) {
-            scenes[key] = encoding.bytes;
-            reads_encoding = true;
+            as_encoded |= 1u << key;
         } else {
-            scene_encoding_assemble(payloads[key], encoding, options[key]);
-            scenes[key] = payloads[key];
+            scenes[key] = std::make_shared<std::string>();
+            scene_encoding_assemble(*scenes[key], encoding, options[key]);
         }
     }
-    if (done_with_encoding && !reads_encoding) {
-        done_with_encoding();
-    }
-    if (targets.empty()) {
-        return;
-    }
-    for (size_t i = 0; i < targets.size(); ++i) {
-        send_target_t& t = targets[i];
-        std::string_view payload = scenes[t.key];
-        t.header = htonl(static_cast<uint32_t>(payload.size() + sizeof(uint32_t)));
-        t.buffers[0] = {&t.header, sizeof(t.header)};
-        t.buffers[1] = {const_cast<char*>(payload.data()), payload.size()};
-        writes[i].iov = t.buffers;
-        writes[i].count = 2;
-    }
-    writev_each(writes.data(), writes.size(), RECORD_TIMEOUT_MS);
-
-    if (done_with_encoding && reads_encoding) {
-        done_with_encoding();
-    }
-    release_payloads(payloads);
-
-    bool any_broke = false;
-    std::list<std::unique_ptr<session_t>> retired;
-    {
-        std::lock_guard lock(sender.mutex);
-        for (size_t i = 0; i < targets.size(); ++i) {
-            session_t& session = *targets[i].session;
-            session.bytes_written += writes[i].written;
-            sender.totals.bytes_written += writes[i].written;
-            if (writes[i].result < 0) {
-                session.error = -writes[i].result;
-                session_set_state(session, SESSION_STATE_BROKEN);
-                ++sender.totals.sessions_broken;
-                any_broke = true;
-            } else {
-                ++session.scenes_written;
-                ++sender.totals.scenes_written;
+    // The encoding's bytes, lent to the sessions that write them as they are.
+    std::shared_ptr<std::string> lent;
+    if (as_encoded) {
+        lent = std::make_shared<std::string>(std::move(encoding.bytes));
+        for (unsigned key = 0; key < OPTION_SETS; ++key) {
+            if (as_encoded & (1u << key)) {
+                scenes[key] = lent;
             }
         }
-        sender.sending = false;
-        retired.swap(sender.retired);
+    } else if (done_with_encoding) {
+        done_with_encoding();
     }
+
+    bool any_broke = false;
+    bool in_progress = false;
+    size_t freed = 0;
+    {
+        std::lock_guard lock(sender.mutex);
+        clock_type::time_point now = clock_type::now();
+        for (const auto& session_ptr : sender.session_list) {
+            session_t& session = *session_ptr;
+            const std::shared_ptr<std::string>& scene = scenes[options_key(session)];
+            if (!healthy(session) || !scene) {
+                continue;
+            }
+            if (session.record) {
+                sender.totals.frames_replaced += session.next ? 1 : 0;
+                session.frames_replaced += session.next ? 1 : 0;
+                release(sender, session.next);
+                session.next = scene;
+                continue;
+            }
+            start_record(session, scene, now);
+            any_broke |= write_on(sender, session, now);
+        }
+        for (auto& scene : scenes) {
+            scene_ptr released = std::move(scene);
+            if (released != lent) {
+                release(sender, released);
+            }
+        }
+        if (lent && lent.use_count() == 1) {
+            encoding.bytes = std::move(*lent);  // its storage serves the next frame
+        }
+        in_progress = records_in_progress(sender);
+        freed = take_freed_bytes(sender);
+    }
+    if (lent && done_with_encoding) {
+        done_with_encoding();
+    }
+    trim_after(freed);
     if (any_broke) {
         cleanup_broken_sessions(sender);
+    }
+    return in_progress;
+}
+
+int scene_sender_pending(const scene_sender_t& sender, std::vector<pollfd>& polls) {
+    polls.clear();
+    std::lock_guard lock(sender.mutex);
+    std::optional<clock_type::time_point> first;
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& session : *list) {
+            if (session->record && healthy(*session)) {
+                polls.push_back({session_get_fd(*session), POLLOUT, 0});
+                first = std::min(first.value_or(session->record_since), session->record_since);
+            }
+        }
+    }
+    if (!first) {
+        return -1;
+    }
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(*first + sender.record_timeout -
+                                                             clock_type::now());
+    return static_cast<int>(std::max<int64_t>(left.count(), 0));
+}
+
+bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& polls) {
+    bool any_broke = false;
+    bool in_progress = false;
+    size_t freed = 0;
+    {
+        std::lock_guard lock(sender.mutex);
+        clock_type::time_point now = clock_type::now();
+        for (const auto& session : sender.session_list) {
+            if (session->record && healthy(*session) &&
+                (ready(*session, polls) || now - session->record_since >= sender.record_timeout)) {
+                any_broke |= write_on(sender, *session, now);
+            }
+        }
+        for (auto it = sender.closing.begin(); it != sender.closing.end();) {
+            session_t& session = **it;
+            if (ready(session, polls) || now - session.record_since >= sender.record_timeout) {
+                write_on(sender, session, now);
+            }
+            if (session.record && healthy(session)) {
+                ++it;
+                continue;
+            }
+            remember_ended(sender, session);
+            it = sender.closing.erase(it);
+        }
+        in_progress = records_in_progress(sender);
+        freed = take_freed_bytes(sender);
+    }
+    trim_after(freed);
+    if (any_broke) {
+        cleanup_broken_sessions(sender);
+    }
+    return in_progress;
+}
+
+void scene_sender_finish(scene_sender_t& sender) {
+    std::vector<pollfd> polls;
+    for (int timeout = scene_sender_pending(sender, polls); !polls.empty();
+         timeout = scene_sender_pending(sender, polls)) {
+        if (poll(polls.data(), polls.size(), timeout) < 0 && errno != EINTR) {
+            return;
+        }
+        scene_sender_write_on(sender, polls);
     }
 }
 

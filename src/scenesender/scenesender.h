@@ -7,7 +7,10 @@
 
 #include <radarscene/RadarScene.h>
 
+#include <poll.h>
+
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <list>
@@ -16,20 +19,22 @@
 #include <vector>
 
 // The sessions of one channel and the writing of scenes to them. `mutex`
-// guards the list and every session in it; it is the innermost of the
+// guards the lists and every session in them; it is the innermost of the
 // distribution locks (after the handler's sessions mutex and the channel's).
 //
-// A send holds the mutex only to take its list of targets and to record the
-// outcome, never while it writes, so subscribing and removing never wait for
-// a slow subscriber. A session removed during a send is shut down at once
-// and parked in `retired` until the send ends, so that its descriptor number
-// cannot be reused while the send may still write to it.
+// Each session is written on its own: the sending thread's writes never
+// wait, and a session whose socket is full keeps its record in progress and
+// the newest scene after it, while the others are written on. The thread
+// holds the mutex while it writes, which never takes long as no write
+// waits; subscribing and removing wait at most for one such round.
+// A session removed while its record is partly written is kept in `closing`
+// until that record is written out or its deadline passes, so that its
+// subscriber's stream ends on a record boundary.
 struct scene_sender_t {
     std::list<std::unique_ptr<session_t>> session_list;
+    std::list<std::unique_ptr<session_t>> closing;
     mutable std::mutex mutex;
     std::function<void(int)> session_error_callback;
-    bool sending = false;
-    std::list<std::unique_ptr<session_t>> retired;
     // The object parts that the sessions' options include, read by the
     // producer without the mutex to encode only what is needed.
     std::atomic<unsigned> wanted_parts{0};
@@ -39,6 +44,11 @@ struct scene_sender_t {
     // newest ended sessions, newest first.
     channel_stats_t totals;
     std::deque<session_stats_t> ended;
+    // A record not fully written within this time after it became the one
+    // in progress breaks its session, however much the subscriber reads
+    // meanwhile.
+    std::chrono::milliseconds record_timeout{1000};
+    size_t freed_bytes = 0;  // of scenes freed since the allocator last gave memory back
 };
 
 // How many ended sessions a sender remembers.
@@ -58,18 +68,32 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id);
 int scene_sender_get_num_sessions(const scene_sender_t& sender);
 bool scene_sender_has_session(const scene_sender_t& sender, int id);
 
-// Writes the scene to every healthy session that the encoding serves,
+// Hands the scene to every healthy session that the encoding serves,
 // assembled with that session's options (a session whose options the
 // encoding lacks subscribed after the frame was pushed, and gets the next
-// one). `done_with_encoding` runs as soon as the encoding is read no more:
-// once every distinct scene has been put together, or after the writes when
-// the encoding's own bytes are a session's scene. All sessions are written
-// at once, and a record not fully written within one second fails, so a
-// send takes at most about a second however many subscribers stall.
+// one), and writes what the sockets take without waiting. A session with a
+// record in progress keeps the scene as its next, replacing (and counting)
+// one that waited there. `done_with_encoding` runs as soon as the encoding
+// is read no more: once every distinct scene has been put together, or
+// after the writes when the encoding's own bytes are a session's scene
+// (those bytes go back to the encoding unless a session still needs them).
 // Sessions whose write fails are marked broken, reported once and passed to
-// the error callback.
-void scene_sender_send(scene_sender_t& sender, const scene_encoding_t& encoding,
+// the error callback. True while records are in progress.
+bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
                        const std::function<void()>& done_with_encoding);
+
+// Replaces `polls` with the sockets of the records in progress; returns the
+// milliseconds until the first of their deadlines, or -1 when there is none.
+int scene_sender_pending(const scene_sender_t& sender, std::vector<pollfd>& polls);
+
+// Writes on to the sockets that `polls` (from scene_sender_pending, after
+// poll) found ready, without waiting, and breaks the sessions whose record
+// in progress has waited out its deadline. True while records are in
+// progress.
+bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& polls);
+
+// Waits until no record is in progress, each within its deadline.
+void scene_sender_finish(scene_sender_t& sender);
 
 // Appends the counters of the sessions in the list, then those of the
 // remembered ended ones, newest first; `totals` gets the channel's totals.

@@ -3,10 +3,13 @@
 #include "common/rs_assert.h"
 #include "scenesender/scenesender.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/eventfd.h>
 
 #include <cerrno>
+#include <vector>
 
 namespace {
 
@@ -18,6 +21,40 @@ void wait(sem_t& semaphore) {
 
 void post(sem_t& semaphore) {
     RS_ASSERT(sem_post(&semaphore) == 0);
+}
+
+// Posts a frame's wake-up, and pokes the worker when it is polling sockets.
+// The fences pair with those in wait_frame_or_sockets: either the worker
+// sees the post, or this sees it polling.
+void wake(scene_sink_t& sink) {
+    post(sink.frame_ready);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (sink.polling.load(std::memory_order_relaxed)) {
+        eventfd_write(sink.wakeup.get(), 1);
+    }
+}
+
+// Takes a frame's wake-up, or waits for one, for a socket in `polls` to take
+// more bytes, or for `timeout_ms`. True when it took a frame's wake-up.
+bool wait_frame_or_sockets(scene_sink_t& sink, std::vector<pollfd>& polls, int timeout_ms) {
+    if (sem_trywait(&sink.frame_ready) == 0) {
+        return true;
+    }
+    sink.polling.store(true, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    bool frame = sem_trywait(&sink.frame_ready) == 0;
+    if (!frame) {
+        polls.push_back({sink.wakeup.get(), POLLIN, 0});
+        poll(polls.data(), polls.size(), timeout_ms);
+        if (polls.back().revents) {
+            eventfd_t count;
+            eventfd_read(sink.wakeup.get(), &count);
+        }
+        polls.pop_back();
+        frame = sem_trywait(&sink.frame_ready) == 0;
+    }
+    sink.polling.store(false, std::memory_order_relaxed);
+    return frame;
 }
 
 // Frames whose scene can take more than this are encoded by the push.
@@ -87,13 +124,13 @@ void set_pending(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
 // Worker side: sends the scene of `handoff`, encoding it first if the push
 // did not. The hand-off is kept as the spare as soon as its encoding is read
 // no more, so a push during the writes of assembled scenes reuses its
-// storage.
-void send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
+// storage. True while records are in progress.
+bool send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
     if (!handoff->encoded) {
         scene_encoding_fill(handoff->encoding, handoff->frame,
                             static_cast<uint32_t>(handoff->raw_mask), sink.sender->wanted_parts);
     }
-    scene_sender_send(*sink.sender, handoff->encoding, [&] {
+    return scene_sender_send(*sink.sender, handoff->encoding, [&] {
         scene_encoding_trim(handoff->encoding);
         std::lock_guard lock(sink.frame_mutex);
         if (!sink.spare) {
@@ -110,6 +147,8 @@ std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender) {
     sink->sender = sender;
     sem_init(&sink->slot_free, 0, 1);
     sem_init(&sink->frame_ready, 0, 1);
+    sink->wakeup.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    RS_ASSERT(sink->wakeup);
     return sink;
 }
 
@@ -140,7 +179,7 @@ void scene_sink_stop(scene_sink_t& sink) {
     RS_ASSERT(std::this_thread::get_id() != sink.sink_thread.get_id());
     sink.run_thread = false;
     post(sink.slot_free);
-    post(sink.frame_ready);
+    wake(sink);
     sink.sink_thread.join();
     sink.state = SINK_STATE_STOPPED;
 }
@@ -156,7 +195,7 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
         std::lock_guard lock(sink.frame_mutex);
         set_pending(sink, std::move(handoff));
     }
-    post(sink.frame_ready);
+    wake(sink);
 }
 
 void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
@@ -176,7 +215,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
         set_pending(sink, std::move(handoff));
     }
     if (got_slot) {
-        post(sink.frame_ready);
+        wake(sink);
     }
 }
 
@@ -186,16 +225,33 @@ void sink_thread_main(scene_sink_t& sink) {
     // the scheduler started on its processor.
     sched_param param{};
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
+    // While records are in progress the worker polls their sockets too;
+    // otherwise it waits for frames alone, and the sender's lock stays out
+    // of its way to the next frame.
+    std::vector<pollfd> polls;
+    bool in_progress = false;
     while (sink.run_thread) {
-        wait(sink.frame_ready);
+        bool frame = true;
+        if (!in_progress) {
+            wait(sink.frame_ready);
+        } else {
+            int timeout_ms = scene_sender_pending(*sink.sender, polls);
+            frame = wait_frame_or_sockets(sink, polls, timeout_ms);
+            in_progress = scene_sender_write_on(*sink.sender, polls);
+        }
+        if (!frame) {
+            continue;
+        }
         std::unique_ptr<scene_handoff_t> handoff;
         {
             std::lock_guard lock(sink.frame_mutex);
             handoff = std::move(sink.pending);
         }
         if (handoff) {
-            send(sink, std::move(handoff));
+            in_progress = send(sink, std::move(handoff));
         }
         post(sink.slot_free);
     }
+    // The records that subscribers have begun to read are finished.
+    scene_sender_finish(*sink.sender);
 }

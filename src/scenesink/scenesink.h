@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/unique_fd.h"
 #include "sceneencoding/sceneencoding.h"
 
 #include <radarscene/RadarScene.h>
@@ -35,6 +36,10 @@ struct scene_handoff_t {
 // hand-off outside any lock. `slot_free` lets the producer run a few pushes
 // ahead of the worker before it blocks. One spare hand-off is kept for its
 // storage.
+//
+// While sessions have records in progress the worker polls their sockets
+// instead of waiting on `frame_ready`; it raises `polling` then, and a
+// push that finds it raised writes to `wakeup` as well.
 struct scene_sink_t {
     ~scene_sink_t();
 
@@ -48,11 +53,14 @@ struct scene_sink_t {
     std::mutex frame_mutex;  // guards the two slots
     std::unique_ptr<scene_handoff_t> pending;
     std::unique_ptr<scene_handoff_t> spare;
+    std::atomic<bool> polling{false};
+    unique_fd wakeup;  // an eventfd
 };
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender);
 void scene_sink_start(scene_sink_t& sink);
-// Stops and joins the worker; a frame it has already taken is still sent.
+// Stops and joins the worker; a frame it has already taken is still sent, and
+// the records in progress are finished within their deadlines.
 void scene_sink_stop(scene_sink_t& sink);
 // Producer side: puts the frame into the pending slot and wakes the worker.
 // Drops the frame when the sink is not running.

@@ -4,7 +4,10 @@
 #include "common/unique_fd.h"
 #include "sessionstats/sessionstats.h"
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
+#include <string>
 
 enum session_state_t : int32_t {
     SESSION_STATE_NEW = 0,
@@ -38,6 +41,14 @@ struct session_t {
     uint64_t scenes_written = 0;
     uint64_t frames_replaced = 0;
     uint64_t bytes_written = 0;
+    // The scene whose record is being written, null when none is, with the
+    // bytes of the record written so far (length prefix included) and when
+    // it became the one in progress; and the newest scene waiting after it.
+    // Scenes are shared by the sessions with the same options.
+    std::shared_ptr<const std::string> record;
+    uint32_t record_written = 0;
+    std::chrono::steady_clock::time_point record_since;
+    std::shared_ptr<const std::string> next;
 };
 
 void session_set_id(session_t& session, int id);
