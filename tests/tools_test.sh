@@ -98,7 +98,7 @@ expect_error "radarscene-sub: option '--count' needs a value (see --help)" \
 expect_error "radarscene-sub: --count needs a whole number from 1 to 1000000000000, not '1.5'" \
     "$tools/radarscene-sub" --count 1.5
 for tool in radarscene-sub radarscene-replay radarscene-geosim radarscene-demo-producer \
-    radarscene-view; do
+    radarscene-view radarscene-top; do
     "$tools/$tool" -h | grep -q "^Usage: $tool" || fail "$tool -h"
     [[ $("$tools/$tool" --version) == "$tool (radarscene) "* ]] || fail "$tool --version"
     # The man page describes every option that --help lists.

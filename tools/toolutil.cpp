@@ -190,15 +190,20 @@ uint64_t tool_monotonic_ns() {
 void tool_parse_options(int argc, char** argv, const option* options, const char* usage,
                         const std::function<void(int, const char*)>& handle) {
     std::vector<option> all;
+    std::string short_options = ":h";
     for (const option* o = options; o->name; ++o) {
         all.push_back(*o);
+        if (o->val >= 'a' && o->val <= 'z' && o->val != 'h') {
+            short_options += static_cast<char>(o->val);
+            short_options += o->has_arg == required_argument ? ":" : "";
+        }
     }
     all.push_back({"help", no_argument, nullptr, 'h'});
     all.push_back({"version", no_argument, nullptr, 'V'});
     all.push_back({nullptr, 0, nullptr, 0});
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, argv, ":h", all.data(), nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, short_options.c_str(), all.data(), nullptr)) != -1) {
         switch (c) {
             case 'h':
                 fputs(usage, stdout);

@@ -50,7 +50,8 @@ uint64_t tool_monotonic_ns();
 void tool_note_missing_geolocation();
 
 // Parses the options of `options` (ended by a zero entry) with getopt_long,
-// handing each one's value and argument to `handle`. Every tool also has
+// handing each one's value and argument to `handle`; an option whose value
+// is a lower-case letter is also that short option. Every tool also has
 // -h/--help, which prints `usage`, and --version; both exit 0. An unknown
 // option or one without its value is a failure line that names it.
 // Arguments after the options start at `optind`.
