@@ -18,6 +18,15 @@ fail() {
     exit 1
 }
 
+# Runs the command after $1 and checks that it fails with the one error line
+# $1.
+expect_error() {
+    local expected=$1
+    shift
+    "$@" >/dev/null 2>"$work/error.log" && fail "$* must fail"
+    [[ $(cat "$work/error.log") == "$expected" ]] || fail "error line of $*: $(cat "$work/error.log")"
+}
+
 # Starts dbus-daemon with the configuration file $1 and points
 # DBUS_SYSTEM_BUS_ADDRESS at it.
 start_bus() {

@@ -85,12 +85,6 @@ wait "${pids[-1]}"
 
 # Failures are one line on standard error and a non-zero status; options
 # are checked as getopt does, and every tool has -h and --version.
-expect_error() {
-    local expected=$1
-    shift
-    "$@" >/dev/null 2>"$work/error.log" && fail "$* must fail"
-    [[ $(cat "$work/error.log") == "$expected" ]] || fail "error line of $*: $(cat "$work/error.log")"
-}
 expect_error "radarscene-sub: no radar scene provider on the system bus" \
     "$tools/radarscene-sub" --count 1
 expect_error "radarscene-sub: option '--count' needs a value (see --help)" \

@@ -40,12 +40,6 @@ while True:
 print(os.getpid(), scenes, size)
 EOF2
 
-expect_error() {
-    local expected=$1
-    shift
-    "$@" >/dev/null 2>"$work/error.log" && fail "$* must fail"
-    [[ $(cat "$work/error.log") == "$expected" ]] || fail "error line of $*: $(cat "$work/error.log")"
-}
 expect_error "radarscene-top: no radar scene provider on the system bus" radarscene-top --once
 expect_error "radarscene-top: --iterations needs a whole number from 1 to 1000000000000, not '0'" \
     radarscene-top -n 0
