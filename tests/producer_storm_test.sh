@@ -18,6 +18,8 @@ pids+=($!)
 /usr/bin/python3 - <<'EOF2' &
 import dbus, time
 bus = dbus.SystemBus()
+while not bus.name_has_owner("com.tessel.RadarSceneProvider1"):
+    time.sleep(0.1)
 scene = dbus.Interface(bus.get_object("com.tessel.RadarSceneProvider1",
                                       "/com/tessel/RadarSceneProvider1", introspect=False),
                        "com.tessel.RadarSceneProvider1.Scene")
@@ -30,7 +32,8 @@ while True:
         time.sleep(0.05)
         del sessions[:10]  # closed unread: those sessions break on their next scene
 EOF2
-pids+=($!)
+storm=$!
+pids+=($storm)
 
 # Pings the provider's connection back to back for four seconds of the
 # storm: a loop that answers at once gets through hundreds, one that waits
@@ -52,5 +55,6 @@ while time.monotonic() < end:
 print(answered)
 EOF2
 )
+kill -0 "$storm" || fail "the storm ended early"
 echo "$answered pings answered in four seconds of the storm"
 ((answered >= 40)) || fail "the producer answered $answered pings in four seconds of the storm"
