@@ -84,6 +84,16 @@ int writev_all(int fd, iovec* iov, int count, unsigned* written, int timeout_ms)
     return w.result;
 }
 
+int writev_now(int fd, iovec* iov, int count, unsigned* written) {
+    fd_write_t w;
+    w.fd = fd;
+    w.iov = iov;
+    w.count = count;
+    int result = write_until_blocked(w);
+    *written = w.written;
+    return result;
+}
+
 void writev_each(fd_write_t* writes, size_t n, int timeout_ms) {
     deadline_t deadline;
     if (timeout_ms >= 0) {

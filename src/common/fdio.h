@@ -14,6 +14,11 @@
 // the writer for longer than that.
 int writev_all(int fd, iovec* iov, int count, unsigned* written, int timeout_ms = -1);
 
+// Writes what `fd` takes now of the `count` buffers, without waiting:
+// 0 once every byte is written, -EAGAIN when the descriptor takes no more,
+// or another negative errno. `written` receives the number of bytes written.
+int writev_now(int fd, iovec* iov, int count, unsigned* written);
+
 // One descriptor's part of a multiplexed write: its buffers, consumed in
 // place as they are written, and the outcome.
 struct fd_write_t {

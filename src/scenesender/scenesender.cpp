@@ -141,7 +141,7 @@ int write_records(scene_sender_t& sender, session_t& session) {
                           scene.size() + sizeof(header) - skip};
         }
         unsigned written = 0;
-        int result = writev_all(session_get_fd(session), buffers + first, 2 - first, &written, 0);
+        int result = writev_now(session_get_fd(session), buffers + first, 2 - first, &written);
         session.record_written += written;
         session.bytes_written += written;
         sender.totals.bytes_written += written;
@@ -151,7 +151,9 @@ int write_records(scene_sender_t& sender, session_t& session) {
         ++session.scenes_written;
         ++sender.totals.scenes_written;
         release(sender, session.record);
-        start_record(session, std::move(session.next), clock_type::now());
+        if (session.next) {
+            start_record(session, std::move(session.next), clock_type::now());
+        }
     }
     return 0;
 }
