@@ -180,6 +180,17 @@ TEST(Mcap, DamagedFilesAreReadAsFarAsTheyAreWhole) {
         EXPECT_EQ(r.data.size(), 40 - in_second);
     }
 
+    // A zstd chunk that claims more than 256 times its compressed size.
+    std::string zstd = sample(mcap_compression_t::zstd);
+    size_t chunk = chunks(zstd)[1] + 9;
+    uint64_t compressed;
+    memcpy(&compressed, zstd.data() + chunk + 8 + 8 + 8 + 4 + 4 + 4, 8);
+    uint64_t too_many = compressed * 256 + 4097;
+    memcpy(zstd.data() + chunk + 16, &too_many, 8);
+    read_t ratio = read(zstd);
+    EXPECT_EQ(ratio.report.bad_records, 1u);
+    EXPECT_NE(ratio.report.first_problem.find("more than 256 times"), std::string::npos);
+
     // A record that claims 4 GiB past the end of the file.
     std::string claim = bytes.substr(0, at[3]);
     claim[at[2] + 1 + 4] = 1;
