@@ -151,6 +151,23 @@ TEST(Mcap, ChunksWhoseTimesOverlapAreMerged) {
     EXPECT_EQ(merged.times, expected);
 }
 
+TEST(Mcap, ChannelsAreKeptUpTo16MiB) {
+    std::string path = temp_path();
+    {
+        McapWriter writer(path, "test", {});
+        for (int i = 0; i < 20; ++i) {
+            writer.addChannel(0, "/t", "raw", {{"big", std::string(1u << 20, 'x')}});
+        }
+    }
+    McapReader reader(path);
+    mcap_message_t m;
+    EXPECT_FALSE(reader.next(m));
+    unlink(path.c_str());
+    EXPECT_EQ(reader.channels().size(), 15u);
+    EXPECT_EQ(reader.report().bad_records, 5u);
+    EXPECT_EQ(reader.report().first_problem, "the schemas and channels take more than 16 MiB");
+}
+
 TEST(Mcap, DamagedFilesAreReadAsFarAsTheyAreWhole) {
     std::string bytes = sample(mcap_compression_t::none);
     std::vector<size_t> at = chunks(bytes);

@@ -15,11 +15,11 @@ enum class mcap_compression_t { none, zstd, lz4 };
 // "none", "zstd" or "lz4"; nothing for other names.
 std::optional<mcap_compression_t> mcap_compression_named(std::string_view name);
 
+// A schema as the reader keeps it: its data is left out.
 struct mcap_schema_t {
     uint16_t id = 0;
     std::string name;
     std::string encoding;
-    std::string data;
 };
 
 struct mcap_channel_t {

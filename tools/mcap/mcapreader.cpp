@@ -23,6 +23,9 @@ constexpr uint64_t MAX_CHUNK = 32u << 20;
 constexpr uint64_t MAX_RATIO = 256;
 // Chunks read at once when their times overlap.
 constexpr size_t MAX_OPEN = 2;
+// Bytes of schema and channel fields kept at most, however many records
+// name them.
+constexpr size_t MAX_KEPT = 16u << 20;
 
 // Reads fields from a record; any read past the end clears `ok` and yields
 // zeros, so a parser checks once at the end.
@@ -92,6 +95,32 @@ std::optional<std::string> decompress(const std::string& compression, std::strin
     }
     LZ4F_freeDecompressionContext(context);
     return !failed && done == size ? std::optional(std::move(out)) : std::nullopt;
+}
+
+size_t kept_size(const mcap_schema_t& schema) {
+    return schema.name.size() + schema.encoding.size();
+}
+
+size_t kept_size(const mcap_channel_t& channel) {
+    size_t size = channel.topic.size() + channel.message_encoding.size();
+    for (const auto& [key, value] : channel.metadata) {
+        size += key.size() + value.size();
+    }
+    return size;
+}
+
+// Keeps the record under its id unless that would take `kept` past its
+// limit; false then.
+template <typename record_t>
+bool keep(std::map<uint16_t, record_t>& records, record_t record, size_t& kept) {
+    auto old = records.find(record.id);
+    size_t size = kept - (old == records.end() ? 0 : kept_size(old->second)) + kept_size(record);
+    if (size > MAX_KEPT) {
+        return false;
+    }
+    kept = size;
+    records[record.id] = std::move(record);
+    return true;
 }
 
 }  // namespace
@@ -176,9 +205,9 @@ void McapReader::keepRecord(uint8_t opcode, std::string_view content) {
         schema.id = in.u16();
         schema.name = in.str();
         schema.encoding = in.str();
-        schema.data = std::string(in.bytes(in.u32()));
-        if (in.ok && schema.id != 0) {
-            schemas_[schema.id] = std::move(schema);
+        in.bytes(in.u32());
+        if (in.ok && schema.id != 0 && !keep(schemas_, std::move(schema), kept_)) {
+            skip("the schemas and channels take more than 16 MiB");
         }
     } else if (opcode == MCAP_CHANNEL) {
         mcap_channel_t channel;
@@ -191,8 +220,8 @@ void McapReader::keepRecord(uint8_t opcode, std::string_view content) {
             std::string key = pairs.str();
             channel.metadata[key] = pairs.str();
         }
-        if (in.ok && pairs.ok) {
-            channels_[channel.id] = std::move(channel);
+        if (in.ok && pairs.ok && !keep(channels_, std::move(channel), kept_)) {
+            skip("the schemas and channels take more than 16 MiB");
         }
     }
 }

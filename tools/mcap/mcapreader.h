@@ -25,9 +25,10 @@ struct mcap_read_report_t {
 
 // Every length and size in the file is checked against the file, the record
 // that holds it and a chunk's limit before anything is allocated for it: a
-// chunk holds at most 32 MiB uncompressed, 256 times its compressed size.
-// A file that is not MCAP, or that cannot be read, throws std::runtime_error
-// with a reason that names the file.
+// chunk holds at most 32 MiB uncompressed, 256 times its compressed size,
+// and schemas and channels are kept up to 16 MiB of their fields. A file
+// that is not MCAP, or that cannot be read, throws std::runtime_error with a
+// reason that names the file.
 class McapReader {
 public:
     explicit McapReader(const std::string& path);
@@ -36,7 +37,8 @@ public:
     McapReader(const McapReader&) = delete;
     McapReader& operator=(const McapReader&) = delete;
 
-    // The schemas and channels of the records read so far.
+    // The schemas (their names and encodings, not their data) and channels
+    // of the records read so far.
     const std::map<uint16_t, mcap_schema_t>& schemas() const { return schemas_; }
     const std::map<uint16_t, mcap_channel_t>& channels() const { return channels_; }
     const mcap_read_report_t& report() const { return report_; }
@@ -92,5 +94,6 @@ private:
     std::vector<open_chunk_t> open_;
     std::map<uint16_t, mcap_schema_t> schemas_;
     std::map<uint16_t, mcap_channel_t> channels_;
+    size_t kept_ = 0;  // bytes of their fields
     mcap_read_report_t report_;
 };
