@@ -44,7 +44,8 @@ prints every scene as one JSON line.
       --count N        stop after N scenes
       --duration S     stop after S seconds
       --record FILE    also write the scenes, exactly as received, to FILE: an
-                       MCAP recording when FILE ends in .mcap, else the records
+                       MCAP recording when FILE ends in .mcap (in any case),
+                       else the records
       --compression C  chunk compression of an MCAP recording: zstd (default),
                        lz4 or none
       --chunk-seconds S
