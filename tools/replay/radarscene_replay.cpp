@@ -117,6 +117,7 @@ struct replay {
     recorded_scene_t current{}, upcoming{};
     size_t pushed = 0;
     bool told = false;
+    size_t skipped = 0;  // in the first pass: later passes skip the same
 
     // Nanoseconds to wait after the current scene, whose successor is
     // `upcoming` when `in_order`.
@@ -146,6 +147,7 @@ struct replay {
         if (!in_order) {
             if (!std::exchange(told, true)) {
                 recording->tell();
+                skipped = recording->skipped;
             }
             if (!options->loop) {
                 return sd_event_exit(sd_event_source_get_event(source), 0);
@@ -197,7 +199,7 @@ int run(const options_t& options) {
     int r = sd_event_loop(event);
     sd_event_source_disable_unref(timer);
     fprintf(stderr, "radarscene-replay: pushed %zu scenes, skipped %zu undecodable records\n",
-            state.pushed, recording->skipped);
+            state.pushed, state.told ? state.skipped : recording->skipped);
     return r != 0 ? 1 : 0;
 }
 
