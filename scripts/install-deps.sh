@@ -11,7 +11,7 @@ packages=(
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
     python3-dbus python3-protobuf
     mosquitto libmosquitto-dev mosquitto-clients
-    libzstd-dev liblz4-dev zlib1g-dev libwebsockets-dev chromium
+    libzstd-dev liblz4-dev zlib1g-dev zstd lz4 libwebsockets-dev chromium
 )
 # The tests run third-party JavaScript clients with node and npm; a machine
 # that has them from elsewhere keeps its own.

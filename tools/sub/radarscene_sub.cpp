@@ -44,9 +44,13 @@ prints every scene as one JSON line.
       --count N        stop after N scenes
       --duration S     stop after S seconds
       --record FILE    also write the scenes, exactly as received, to FILE: an
-                       MCAP recording when FILE ends in .mcap, else the records
+                       MCAP recording when FILE ends in .mcap (in any case),
+                       else the records
       --compression C  chunk compression of an MCAP recording: zstd (default),
                        lz4 or none
+      --chunk-seconds S
+                       close an MCAP recording's chunk once it spans S seconds
+                       of scenes (default 1): a crash loses at most that
       --wait S         wait up to S seconds for the provider to appear
       --reconnect      when the provider goes away, subscribe again once it is
                        back (waiting up to the --wait time, or for ever)
@@ -64,7 +68,7 @@ struct options_t {
     double wait = 0;
     bool reconnect = false;
     std::string record;
-    mcap_compression_t compression = mcap_compression_t::zstd;
+    mcap_writer_options_t mcap;
 };
 
 options_t parse_options(int argc, char** argv) {
@@ -82,7 +86,8 @@ options_t parse_options(int argc, char** argv) {
         RECORD,
         WAIT,
         RECONNECT,
-        COMPRESSION
+        COMPRESSION,
+        CHUNK
     };
     static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
                                           {"bbox", no_argument, nullptr, BBOX},
@@ -96,6 +101,7 @@ options_t parse_options(int argc, char** argv) {
                                           {"duration", required_argument, nullptr, DURATION},
                                           {"record", required_argument, nullptr, RECORD},
                                           {"compression", required_argument, nullptr, COMPRESSION},
+                                          {"chunk-seconds", required_argument, nullptr, CHUNK},
                                           {"wait", required_argument, nullptr, WAIT},
                                           {"reconnect", no_argument, nullptr, RECONNECT},
                                           {nullptr, 0, nullptr, 0}};
@@ -143,10 +149,14 @@ options_t parse_options(int argc, char** argv) {
                 break;
             case COMPRESSION:
                 if (auto named = mcap_compression_named(value)) {
-                    options.compression = *named;
+                    options.mcap.compression = *named;
                 } else {
                     tool_fail("--compression needs zstd, lz4 or none, not '%s'", value);
                 }
+                break;
+            case CHUNK:
+                options.mcap.chunk_ns = static_cast<uint64_t>(
+                    tool_number(value, "--chunk-seconds", 0.001, 86400) * 1e9);
                 break;
         }
     });
@@ -252,8 +262,7 @@ struct stream_stats {
 int run(const options_t& options) {
     std::unique_ptr<Recorder> recorder;
     if (!options.record.empty()) {
-        recorder =
-            open_recorder({options.record, options.channel, options.features, options.compression});
+        recorder = open_recorder({options.record, options.channel, options.features, options.mcap});
     }
     int stop_fd = tool_stop_signals();
     sd_bus* bus = tool_system_bus();
@@ -289,9 +298,15 @@ int run(const options_t& options) {
             timeout_ms =
                 std::min(timeout_ms, static_cast<int>((options.duration - elapsed) * 1000) + 1);
         }
+        if (recorder) {
+            timeout_ms = std::min(timeout_ms, 250);
+        }
         pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
         if (poll(fds, 2, timeout_ms) < 0 && errno != EINTR) {
             tool_fail("poll: %s", strerror(errno));
+        }
+        if (recorder) {
+            recorder->tick();
         }
         if (fds[1].revents) {
             break;

@@ -4,6 +4,8 @@
 
 #include <arpa/inet.h>
 
+#include <strings.h>
+
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -54,7 +56,7 @@ class McapRecorder : public Recorder {
 public:
     explicit McapRecorder(const recording_options_t& options)
         : writer_(options.path, "radarscene " RADARSCENE_VERSION " (radarscene-sub)",
-                  options.compression) {
+                  options.mcap) {
         uint16_t schema = writer_.addSchema("RadarScene.Scene", "protobuf", scene_descriptor_set());
         std::map<std::string, std::string> metadata{{"channel", std::to_string(options.channel)}};
         for (const auto& [key, value] : options.features) {
@@ -70,6 +72,8 @@ public:
         ++scenes;
     }
 
+    void tick() override { writer_.tick(wall_clock_ns()); }
+
     void finish() override { writer_.finish(); }
 
 private:
@@ -80,7 +84,8 @@ private:
 }  // namespace
 
 std::unique_ptr<Recorder> open_recorder(const recording_options_t& options) {
-    if (options.path.ends_with(".mcap")) {
+    const std::string& path = options.path;
+    if (path.size() >= 5 && strcasecmp(path.c_str() + path.size() - 5, ".mcap") == 0) {
         return std::make_unique<McapRecorder>(options);
     }
     return std::make_unique<RawRecorder>(options.path);

@@ -1,9 +1,10 @@
 #pragma once
 
 // What radarscene-sub --record writes: the records exactly as received or,
-// for a file name ending in ".mcap", an MCAP recording that other tools open.
+// for a file name ending in ".mcap" (in any case), an MCAP recording that
+// other tools open.
 
-#include "mcap.h"
+#include "mcapwriter.h"
 
 #include <cstdint>
 #include <map>
@@ -14,7 +15,7 @@ struct recording_options_t {
     std::string path;
     int channel = 0;
     std::map<std::string, bool> features;  // the subscription's options
-    mcap_compression_t compression = mcap_compression_t::zstd;
+    mcap_writer_options_t mcap;            // compression and when a chunk closes
 };
 
 class Recorder {
@@ -22,6 +23,9 @@ public:
     virtual ~Recorder() = default;
     // One scene as received, and its own time stamp.
     virtual void add(const std::string& payload, uint64_t scene_time) = 0;
+    // Called at least every quarter of a second: writes out what has waited
+    // for long enough.
+    virtual void tick() {}
     // Completes the file; throws std::runtime_error when it cannot.
     virtual void finish() = 0;
     uint64_t scenes = 0;

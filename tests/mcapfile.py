@@ -1,0 +1,192 @@
+#!/usr/bin/env python3
+"""A small MCAP writer and reader written from the format's public
+specification, to check the tools against files of every layout the format
+allows and against files whose lengths, counts and indexes lie.
+
+  mcapfile.py write OUT [options]   writes scenes 0.1 s apart
+  mcapfile.py chunks FILE           prints per chunk: messages, first and
+                                    last log time (checking each chunk's CRC)
+"""
+import argparse
+import struct
+import subprocess
+import sys
+import zlib
+
+MAGIC = b"\x89MCAP0\r\n"
+HEADER, FOOTER, SCHEMA, CHANNEL, MESSAGE, CHUNK = 0x01, 0x02, 0x03, 0x04, 0x05, 0x06
+MESSAGE_INDEX, CHUNK_INDEX, STATISTICS, SUMMARY_OFFSET, DATA_END = 0x07, 0x08, 0x0B, 0x0E, 0x0F
+
+
+def string(s):
+    return struct.pack("<I", len(s)) + s
+
+
+def record(opcode, content):
+    return struct.pack("<BQ", opcode, len(content)) + content
+
+
+def scene(time, padding):
+    """A RadarScene.Scene: its time (field 1), and padding in an unknown field."""
+    varint = bytearray()
+    while True:
+        varint.append((time & 0x7F) | (0x80 if time > 0x7F else 0))
+        time >>= 7
+        if not time:
+            break
+    pad = bytearray()
+    n = len(padding)
+    while True:
+        pad.append((n & 0x7F) | (0x80 if n > 0x7F else 0))
+        n >>= 7
+        if not n:
+            break
+    return b"\x08" + bytes(varint) + (b"\x7a" + bytes(pad) + padding if padding else b"")
+
+
+def compress(kind, data):
+    if kind == "none":
+        return data
+    return subprocess.run([kind, "-q", "-c"], input=data, capture_output=True, check=True).stdout
+
+
+def write(args):
+    schema = record(SCHEMA, struct.pack("<H", 1) + string(b"RadarScene.Scene") +
+                    string(b"protobuf") + string(b"descriptor"))
+    channel = record(CHANNEL, struct.pack("<HH", 1, 1) + string(b"/radar/0/scene") +
+                     string(b"protobuf") + string(b""))
+    start = 1_700_000_000_000_000_000
+    padding = open("/dev/urandom", "rb").read(args.padding) if args.padding else b""
+    messages = [record(MESSAGE, struct.pack("<HIQQ", 1, i, start + i * 100_000_000,
+                                            i) + scene(i, padding))
+                for i in range(args.scenes)]
+    times = [start + i * 100_000_000 for i in range(args.scenes)]
+
+    out = bytearray(MAGIC + record(HEADER, string(b"") + string(b"mcapfile.py")))
+    out += schema + channel
+    chunk_indexes = []
+    per_chunk = args.per_chunk if args.layout == "chunked" else 0
+    for first in range(0, args.scenes, per_chunk or args.scenes or 1):
+        batch = list(range(first, min(args.scenes, first + (per_chunk or args.scenes))))
+        if not per_chunk:
+            out += b"".join(messages[i] for i in batch)
+            continue
+        records = bytearray()
+        offsets = []
+        for i in batch:
+            offsets.append((times[i], len(records)))
+            records += messages[i]
+        if args.claim:
+            # Real records of the claimed size, and a skippable frame that
+            # keeps the compression ratio believable.
+            records = messages[batch[0]] * (args.claim // len(messages[batch[0]]))
+        records = bytes(records)
+        size = len(records)
+        data = compress(args.compression, records)
+        if args.claim:
+            data += struct.pack("<II", 0x184D2A50, size // 200) + bytes(size // 200)
+        compression = b"" if args.compression == "none" else args.compression.encode()
+        at = len(out)
+        out += record(CHUNK, struct.pack("<QQQI", times[batch[0]], times[batch[-1]], size,
+                                         zlib.crc32(records)) +
+                      string(compression) + struct.pack("<Q", len(data)) + data)
+        length = len(out) - at
+        index_at = len(out)
+        entries = b"".join(struct.pack("<QQ", t, o) for t, o in offsets)
+        if args.lying_counts:
+            entries = struct.pack("<QQ", 0, 1 << 60) * 3
+        out += record(MESSAGE_INDEX, struct.pack("<HI", 1, len(entries)) + entries)
+        chunk_indexes.append(struct.pack("<QQQQI", times[batch[0]], times[batch[-1]],
+                                         at + args.index_shift, length, 10) +
+                             struct.pack("<HQ", 1, index_at) +
+                             struct.pack("<Q", len(out) - index_at) + string(compression) +
+                             struct.pack("<QQ", len(data), size))
+    out += record(DATA_END, struct.pack("<I", 0))
+
+    summary_start = offset_start = 0
+    summary = bytearray()
+    if args.summary:
+        summary_start = len(out)
+        count = args.scenes * (1000 if args.lying_counts else 1)
+        statistics = (struct.pack("<QHIIII", count, 1, 1, 0, 0,
+                                  len(chunk_indexes) * (7 if args.lying_counts else 1)) +
+                      struct.pack("<QQ", times[0], times[-1]) +
+                      string(struct.pack("<HQ", 1, count)))
+        groups = [(SCHEMA, schema), (CHANNEL, channel),
+                  (STATISTICS, record(STATISTICS, statistics)),
+                  (CHUNK_INDEX, b"".join(record(CHUNK_INDEX, c) for c in chunk_indexes) *
+                   args.index_copies)]
+        offsets = bytearray()
+        for opcode, group in groups:
+            if group:
+                offsets += record(SUMMARY_OFFSET, struct.pack(
+                    "<BQQ", opcode, summary_start + len(summary), len(group)))
+                summary += group
+        if args.offsets:
+            offset_start = summary_start + len(summary)
+            summary += offsets
+        out += summary
+    footer = struct.pack("<BQQQ", FOOTER, 20, summary_start, offset_start)
+    crc = zlib.crc32(bytes(summary) + footer) if args.summary else 0
+    out += footer + struct.pack("<I", crc) + MAGIC
+    open(args.out, "wb").write(out)
+
+
+def fields(data, at, layout):
+    size = struct.calcsize(layout)
+    return struct.unpack_from(layout, data, at), at + size
+
+
+def chunks(args):
+    data = open(args.file, "rb").read()
+    assert data[:8] == MAGIC, "no magic"
+    at = 8
+    while at + 9 <= len(data):
+        (opcode, length), body = fields(data, at, "<BQ")
+        if body + length > len(data) or opcode in (DATA_END, FOOTER):
+            break
+        if opcode == CHUNK:
+            (_, _, size, crc), pos = fields(data, body, "<QQQI")
+            (n,), pos = fields(data, pos, "<I")
+            kind = data[pos:pos + n].decode()
+            (m,), pos = fields(data, pos + n, "<Q")
+            compressed = data[pos:pos + m]
+            records = (subprocess.run([kind, "-d", "-q", "-c"], input=compressed,
+                                      capture_output=True, check=True).stdout
+                       if kind else compressed)
+            assert len(records) == size and zlib.crc32(records) == crc, f"chunk at {at}"
+            logged = []
+            r = 0
+            while r < len(records):
+                (op, rlen), rbody = fields(records, r, "<BQ")
+                if op == MESSAGE:
+                    logged.append(struct.unpack_from("<Q", records, rbody + 6)[0])
+                r = rbody + rlen
+            print(len(logged), min(logged), max(logged))
+        at = body + length
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    commands = parser.add_subparsers(dest="command", required=True)
+    w = commands.add_parser("write")
+    w.add_argument("out")
+    w.add_argument("--layout", choices=["chunked", "unchunked"], default="chunked")
+    w.add_argument("--compression", choices=["none", "zstd", "lz4"], default="zstd")
+    w.add_argument("--summary", action=argparse.BooleanOptionalAction, default=True)
+    w.add_argument("--offsets", action=argparse.BooleanOptionalAction, default=True)
+    w.add_argument("--scenes", type=int, default=10)
+    w.add_argument("--per-chunk", type=int, default=5)
+    w.add_argument("--padding", type=int, default=0, help="random bytes per scene")
+    w.add_argument("--index-copies", type=int, default=1, help="times the summary lists each chunk")
+    w.add_argument("--index-shift", type=int, default=0, help="bytes added to each chunk's offset")
+    w.add_argument("--lying-counts", action="store_true")
+    w.add_argument("--claim", type=int, default=0, help="uncompressed bytes per chunk")
+    c = commands.add_parser("chunks")
+    c.add_argument("file")
+    args = parser.parse_args()
+    write(args) if args.command == "write" else chunks(args)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
