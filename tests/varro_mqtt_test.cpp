@@ -1,7 +1,10 @@
 #include <tessel_os_varro/varro.h>
 
+#include "mqtt_settings.h"
+
 #include <mosquitto.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -13,8 +16,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,12 +72,14 @@ public:
     void start() {
         pid_ = fork();
         if (pid_ == 0) {
+            int log = open((dir_ + "/log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(log, STDERR_FILENO);
             execlp("mosquitto", "mosquitto", "-c", (dir_ + "/mosquitto.conf").c_str(),
                    static_cast<char*>(nullptr));
             _exit(127);
         }
-        for (int i = 0; i < 100 && !port_open(port_); ++i) {
-            std::this_thread::sleep_for(50ms);
+        for (int i = 0; i < 500 && !port_open(port_); ++i) {
+            std::this_thread::sleep_for(10ms);
         }
     }
     void stop() {
@@ -85,6 +92,7 @@ public:
 
     int port() const { return port_; }
     const std::string& dir() const { return dir_; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string url() const { return "mqtt://127.0.0.1:" + std::to_string(port_); }
 
 private:
@@ -143,6 +151,162 @@ std::unique_ptr<TopicDataWriter> scene_writer(Client& client) {
         TopicInstance("mdb.scene", R"({"source":"1"})", std::nullopt), true));
     return writer;
 }
+
+// Waits for `done` to hold, at most 10 seconds.
+template <typename Condition>
+bool eventually(Condition done) {
+    for (int i = 0; i < 1000 && !done(); ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    return done();
+}
+
+std::string read_all(const std::string& path) {
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// The process's standard error, kept in a file while the object lives.
+class CapturedLog {
+public:
+    CapturedLog() : file_(tmpfile()), saved_(dup(STDERR_FILENO)) {
+        dup2(fileno(file_), STDERR_FILENO);
+    }
+    ~CapturedLog() {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        fclose(file_);
+    }
+    std::string text() const { return read_all("/proc/self/fd/" + std::to_string(fileno(file_))); }
+    bool wait_for(const std::string& part, size_t count = 1) const {
+        return eventually([&] { return occurrences(text(), part) >= count; });
+    }
+
+private:
+    FILE* file_;
+    int saved_;
+};
+
+// Environment variables set for the object's life.
+class Environment {
+public:
+    explicit Environment(std::vector<std::pair<std::string, std::string>> variables)
+        : variables_(std::move(variables)) {
+        for (const auto& [name, value] : variables_) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+    }
+    ~Environment() {
+        for (const auto& variable : variables_) {
+            unsetenv(variable.first.c_str());
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, std::string>> variables_;
+};
+
+// A test CA with its certificates (tests/varro_mqtt_certs.sh), the users
+// radar and watcher, and an access list that lets radar write mdb.scene
+// but not the data of mdb.refused. mosquitto_sub logs in as watcher from
+// its configuration file, so that no password is on a command line.
+class TlsBrokerTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        char dir[] = "/tmp/radarscene-pki-XXXXXX";
+        pki_ = mkdtemp(dir);
+        chmod(pki_.c_str(), 0755);
+        ASSERT_EQ(std::system(
+                      ("bash " RADARSCENE_SOURCE_DIR "/tests/varro_mqtt_certs.sh " + pki_).c_str()),
+                  0);
+        std::string passwords = pki_ + "/passwords";
+        ASSERT_EQ(std::system(("mosquitto_passwd -b -c " + passwords + " radar fleet-secret && " +
+                               "mosquitto_passwd -b " + passwords + " watcher watchword")
+                                  .c_str()),
+                  0);
+        chmod(passwords.c_str(), 0644);
+        std::ofstream(pki_ + "/acl") << "user radar\ntopic readwrite mdb.scene/#\n"
+                                     << "topic write mdb.refused/$definition\n"
+                                     << "topic write mdb.refused/$instances/#\n"
+                                     << "user watcher\ntopic read #\n";
+        std::ofstream(pki_ + "/password") << "fleet-secret\n";
+        std::ofstream(pki_ + "/mosquitto_sub") << "-u watcher\n-P watchword\n";
+        setenv("XDG_CONFIG_HOME", pki_.c_str(), 1);
+    }
+    static void TearDownTestSuite() { std::system(("rm -rf " + pki_).c_str()); }
+
+    // The broker's settings with `cert` as its certificate.
+    static std::string config(const std::string& cert = "server", bool require_cert = true) {
+        return "cafile " + pki_ + "/ca.crt\ncertfile " + pki_ + "/" + cert + ".crt\nkeyfile " +
+               pki_ + "/server.key\nrequire_certificate " + (require_cert ? "true" : "false") +
+               "\nallow_anonymous false\npassword_file " + pki_ + "/passwords\nacl_file " + pki_ +
+               "/acl\n";
+    }
+
+    // The device's settings for `broker`: client certificate, password
+    // file and a reconnection delay short enough for the test.
+    static Environment device(const Broker& broker, const std::string& cafile = "ca") {
+        return Environment(
+            {{"VARRO_MQTT_URL", "mqtts://127.0.0.1:" + std::to_string(broker.port())},
+             {"VARRO_MQTT_CAFILE", pki_ + "/" + cafile + ".crt"},
+             {"VARRO_MQTT_CERTFILE", pki_ + "/client.crt"},
+             {"VARRO_MQTT_KEYFILE", pki_ + "/client.key"},
+             {"VARRO_MQTT_USERNAME", "radar"},
+             {"VARRO_MQTT_PASSWORD_FILE", pki_ + "/password"},
+             {"VARRO_MQTT_RECONNECT_DELAY", "0.01:0.05"}});
+    }
+
+    static std::string pki_;
+};
+
+std::string TlsBrokerTest::pki_;
+
+// mosquitto_sub over TLS on `topic`, its output ("topic payload" lines) in
+// a file.
+class Subscriber {
+public:
+    Subscriber(const Broker& broker, const std::string& pki, const std::string& topic)
+        : output_(broker.dir() + "/received") {
+        pid_ = fork();
+        if (pid_ == 0) {
+            int out = open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(out, STDOUT_FILENO);
+            std::string port = std::to_string(broker.port());
+            execlp("mosquitto_sub", "mosquitto_sub", "-h", "127.0.0.1", "-p", port.c_str(),
+                   "--cafile", (pki + "/ca.crt").c_str(), "--cert", (pki + "/client.crt").c_str(),
+                   "--key", (pki + "/client.key").c_str(), "-t", topic.c_str(), "-v",
+                   static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~Subscriber() {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    std::vector<std::string> lines() const {
+        std::istringstream in(read_all(output_));
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    bool wait_for(size_t count) const {
+        return eventually([&] { return lines().size() >= count; });
+    }
+
+private:
+    std::string output_;
+    pid_t pid_;
+};
 
 }  // namespace
 
@@ -211,4 +375,188 @@ TEST(MqttBroker, RefusedCredentialsAreReported) {
     unsetenv("VARRO_MQTT_PASSWORD");
     ASSERT_FALSE(connected);
     EXPECT_EQ(connected.error().code, ApiErrorCode::PermissionDenied) << connected.error().message;
+}
+
+TEST(MqttReconnection, DelaysDoubleUpToTheBoundAndVaryWithinTheirUpperHalf) {
+    mqtt_settings_t settings;
+    settings.min_delay = 100ms;
+    settings.max_delay = 1000ms;
+    EXPECT_EQ(mqtt_settings_reconnect_delay(settings, 0, 0), 50ms);
+    EXPECT_EQ(mqtt_settings_reconnect_delay(settings, 0, 0.5), 75ms);
+    EXPECT_EQ(mqtt_settings_reconnect_delay(settings, 2, 0), 200ms);
+    EXPECT_EQ(mqtt_settings_reconnect_delay(settings, 40, 0), 500ms);
+    EXPECT_EQ(mqtt_settings_reconnect_delay(settings, 40, 1), 1000ms);
+}
+
+TEST_F(TlsBrokerTest, ItemsReachAVerifiedBrokerThatWantsACertificateAndAPassword) {
+    Broker broker(config());
+    auto device_settings = device(broker);
+    auto client = Client::Create("radarscene-test", {4, 1, 0});
+    auto connected = client->Connect();
+    ASSERT_TRUE(connected) << connected.error().message;
+    auto writer = scene_writer(*client);
+    Subscriber received(broker, pki_, "mdb.scene/#");
+    ASSERT_TRUE(received.wait_for(2));  // the retained definition and instance key
+    for (const char* item : {R"({"n":1})", R"({"n":2})"}) {
+        ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(item), std::nullopt));
+    }
+    ASSERT_TRUE(received.wait_for(4));
+    auto lines = received.lines();
+    std::sort(lines.begin(), lines.begin() + 2);
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
+                                        R"(mdb.scene/$instances/1 {"source":"1"})",
+                                        R"(mdb.scene/1 {"n":1})", R"(mdb.scene/1 {"n":2})"}));
+}
+
+// Each refusal gives Connect's error and one log line, however often the
+// client tries again, and never the password.
+TEST_F(TlsBrokerTest, RefusedBrokersAndLoginsAreLoggedOnceWithTheirReason) {
+    struct refusal_t {
+        std::string cert, cafile, override_name, override_value, reason;
+    };
+    std::string tls = "TLS with the MQTT broker at %s failed: ";
+    std::vector<refusal_t> refusals = {
+        {"server", "other-ca", "", "", tls + "self-signed certificate in certificate chain"},
+        {"expired", "ca", "", "", tls + "certificate has expired"},
+        {"elsewhere", "ca", "", "", tls + "IP address mismatch"},
+        {"server", "ca", "VARRO_MQTT_CERTFILE", "",
+         tls + "error:0A00045C:SSL routines::tlsv13 alert certificate required"},
+        {"server", "ca", "VARRO_MQTT_PASSWORD", "wrong-secret",
+         "the MQTT broker at %s refused the credentials: Not authorized"}};
+    for (const auto& refusal : refusals) {
+        SCOPED_TRACE(refusal.reason);
+        Broker broker(config(refusal.cert));
+        auto device_settings = device(broker, refusal.cafile);
+        if (refusal.override_name == "VARRO_MQTT_PASSWORD") {
+            unsetenv("VARRO_MQTT_PASSWORD_FILE");
+        } else if (!refusal.override_name.empty()) {
+            unsetenv("VARRO_MQTT_KEYFILE");
+        }
+        Environment overridden({{refusal.override_name + "", refusal.override_value}});
+        std::string line = refusal.reason;
+        line.replace(line.find("%s"), 2, broker.address());
+        if (line.starts_with("TLS")) {
+            line += "; nothing is sent to it";
+        }
+        CapturedLog log;
+        {
+            auto client = Client::Create("radarscene-test", {4, 1, 0});
+            auto connected = client->Connect();
+            ASSERT_FALSE(connected);
+            EXPECT_EQ(connected.error().message, line);
+            // The client keeps trying meanwhile.
+            EXPECT_TRUE(eventually([&] {
+                return occurrences(read_all(broker.dir() + "/log"), "New connection from") >= 3;
+            }));
+        }
+        EXPECT_EQ(log.text(), "<3>varro: " + line + "\n");
+    }
+}
+
+TEST_F(TlsBrokerTest, ItemsToATopicTheAccessListRefusesAreLoggedOnceAndCounted) {
+    Broker broker(config());
+    auto device_settings = device(broker);
+    CapturedLog log;
+    {
+        auto client = Client::Create("radarscene-test", {4, 1, 0});
+        ASSERT_TRUE(client->Connect());
+        ASSERT_TRUE(client->CreateTopic(R"({"topic_name":"mdb.refused"})"));
+        auto writer = std::move(*client->CreateTopicDataWriter("writer"));
+        ASSERT_TRUE(writer->Initialize("mdb.refused"));
+        ASSERT_TRUE(writer->CreateInstance(
+            TopicInstance("mdb.refused", R"({"source":"1"})", std::nullopt), true));
+        for (int i = 0; i < 5; ++i) {
+            EXPECT_TRUE(writer->WriteData(*TopicData::FromJson("{}"), std::nullopt));
+        }
+        // The broker answers in order: once it has taken this definition,
+        // it has answered every item before it.
+        ASSERT_TRUE(client->CreateTopic(R"({"topic_name":"mdb.scene"})"));
+    }
+    std::string at = "the MQTT broker at " + broker.address();
+    EXPECT_EQ(log.text(), "<6>varro: connected to " + at + "\n<4>varro: " + at +
+                              " refuses items on 'mdb.refused/1': Not authorized\n"
+                              "<6>varro: left " +
+                              at +
+                              "; data items dropped: 0 while it was away, 5 refused, 0 beyond "
+                              "100 awaiting its acknowledgement\n");
+}
+
+TEST_F(TlsBrokerTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhileAreCounted) {
+    Broker broker(config());
+    auto device_settings = device(broker);
+    CapturedLog log;
+    auto client = Client::Create("radarscene-test", {4, 1, 0});
+    ASSERT_TRUE(client->Connect());
+    auto writer = scene_writer(*client);
+    broker.stop();
+    ASSERT_TRUE(log.wait_for("lost the MQTT broker"));
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(writer->WriteData(*TopicData::FromJson(R"({"lost":true})"), std::nullopt));
+    }
+    broker.start();
+    ASSERT_TRUE(log.wait_for("again; 20 data items were dropped while it was away")) << log.text();
+    Subscriber received(broker, pki_, "mdb.scene/#");
+    ASSERT_TRUE(received.wait_for(2));
+    std::vector<std::string> expected = {R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
+                                         R"(mdb.scene/$instances/1 {"source":"1"})"};
+    for (int i = 0; i < 10; ++i) {
+        std::string item = R"({"n":)" + std::to_string(i) + "}";
+        ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(item), std::nullopt));
+        expected.push_back("mdb.scene/1 " + item);
+    }
+    ASSERT_TRUE(received.wait_for(12));
+    auto lines = received.lines();
+    std::sort(lines.begin(), lines.begin() + 2);
+    EXPECT_EQ(lines, expected);
+}
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+size_t open_descriptors() {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        count += entry.is_symlink();
+    }
+    return count;
+}
+
+long resident_kib() {
+    long pages = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE) / 1024;
+}
+
+}  // namespace
+
+TEST_F(TlsBrokerTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
+    Broker broker(config());
+    auto device_settings = device(broker);
+    CapturedLog log;
+    auto client = Client::Create("radarscene-test", {4, 1, 0});
+    ASSERT_TRUE(client->Connect());
+    auto writer = scene_writer(*client);
+    size_t descriptors = 0;
+    long resident = 0;
+    for (int i = 1; i <= 100; ++i) {
+        broker.stop();
+        broker.start();
+        ASSERT_TRUE(log.wait_for(" again; ", i));
+        EXPECT_TRUE(writer->WriteData(*TopicData::FromJson("{}"), std::nullopt));
+        if (i == 10) {
+            descriptors = open_descriptors();
+            resident = resident_kib();
+        }
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+    // The sanitizers hold freed memory back on purpose.
+    if (!SANITIZED) {
+        EXPECT_LT(resident_kib() - resident, 512);
+    }
 }

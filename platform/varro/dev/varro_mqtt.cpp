@@ -16,6 +16,8 @@
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
@@ -42,6 +44,7 @@ constexpr auto CONNECT_WAIT = 5s;
 constexpr auto ACK_WAIT = 2s;
 constexpr auto RETAINED_WAIT = 200ms;
 constexpr auto STOP_WAIT = 1s;
+constexpr auto ATTEMPT_WAIT = 15s;
 constexpr int KEEPALIVE_SECONDS = 20;
 constexpr size_t MAX_IN_FLIGHT = 100;
 constexpr size_t MAX_UNCLAIMED_ACKS = 256;
@@ -295,9 +298,13 @@ private:
             int rc = mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port,
                                              KEEPALIVE_SECONDS);
             int error = errno;
+            auto attempt_by = std::chrono::steady_clock::now() + ATTEMPT_WAIT;
             while (rc == MOSQ_ERR_SUCCESS && !stopped()) {
                 rc = mosquitto_loop(mosq_, 100, 1);
                 error = errno;
+                if (rc == MOSQ_ERR_SUCCESS && (error = unanswered(attempt_by))) {
+                    rc = MOSQ_ERR_ERRNO;
+                }
             }
             if (stopping_) {
                 break;
@@ -308,6 +315,26 @@ private:
             std::unique_lock lock(mutex_);
             changed_.wait_for(lock, delay, [&] { return stopping_.load(); });
         }
+    }
+
+    // Why an attempt that has not connected yet is over, or 0. libmosquitto
+    // keeps retrying a TLS handshake on a socket whose connection was
+    // refused, so the socket's own state tells.
+    int unanswered(std::chrono::steady_clock::time_point attempt_by) {
+        {
+            std::lock_guard lock(mutex_);
+            if (state_ == CONNECTED) {
+                return 0;
+            }
+        }
+        tcp_info info{};
+        socklen_t size = sizeof(info);
+        int fd = mosquitto_socket(mosq_);
+        if (fd >= 0 && getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+            info.tcpi_state == TCP_CLOSE) {
+            return ECONNREFUSED;
+        }
+        return std::chrono::steady_clock::now() > attempt_by ? ETIMEDOUT : 0;
     }
 
     bool stopped() {
