@@ -59,6 +59,9 @@ std::expected<mqtt_settings_t, std::string> mqtt_settings_from_env(const std::st
             return std::unexpected("cannot read VARRO_MQTT_PASSWORD_FILE " + file + ": " +
                                    strerror(errno ? errno : EIO));
         }
+        if (s.password.ends_with('\r')) {
+            s.password.pop_back();
+        }
     }
     s.cafile = env("VARRO_MQTT_CAFILE");
     s.certfile = env("VARRO_MQTT_CERTFILE");

@@ -14,6 +14,8 @@
 #include "mqtt_settings.h"
 #include "mqtt_tls.h"
 
+#include <openssl/ssl.h>
+
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <netinet/in.h>
@@ -319,7 +321,8 @@ private:
 
     // Why an attempt that has not connected yet is over, or 0. libmosquitto
     // keeps retrying a TLS handshake on a socket whose connection was
-    // refused, so the socket's own state tells.
+    // refused, so the socket's own state tells, as long as the broker has
+    // not answered the handshake (after that, its alerts say more).
     int unanswered(std::chrono::steady_clock::time_point attempt_by) {
         {
             std::lock_guard lock(mutex_);
@@ -327,10 +330,13 @@ private:
                 return 0;
             }
         }
+        auto* ssl = static_cast<SSL*>(mosquitto_ssl_get(mosq_));
+        OSSL_HANDSHAKE_STATE handshake = ssl ? SSL_get_state(ssl) : TLS_ST_OK;
         tcp_info info{};
         socklen_t size = sizeof(info);
         int fd = mosquitto_socket(mosq_);
-        if (fd >= 0 && getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+        if ((handshake == TLS_ST_BEFORE || handshake == TLS_ST_CW_CLNT_HELLO) && fd >= 0 &&
+            getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
             info.tcpi_state == TCP_CLOSE) {
             return ECONNREFUSED;
         }
