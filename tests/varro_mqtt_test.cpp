@@ -136,19 +136,25 @@ private:
     std::vector<std::string> payloads_;
 };
 
-std::unique_ptr<Client> connected_client(const Broker& broker) {
-    setenv("VARRO_MQTT_URL", broker.url().c_str(), 1);
+std::unique_ptr<Client> connected() {
     auto client = Client::Create("radarscene-test", {4, 1, 0});
-    EXPECT_TRUE(client && client->Connect());
+    auto connection = client->Connect();
+    EXPECT_TRUE(connection) << connection.error().message;
     return client;
 }
 
-std::unique_ptr<TopicDataWriter> scene_writer(Client& client) {
-    EXPECT_TRUE(client.CreateTopic(R"({"topic_name":"mdb.scene"})"));
+std::unique_ptr<Client> connected_client(const Broker& broker) {
+    setenv("VARRO_MQTT_URL", broker.url().c_str(), 1);
+    return connected();
+}
+
+std::unique_ptr<TopicDataWriter> scene_writer(Client& client,
+                                              const std::string& topic = "mdb.scene") {
+    EXPECT_TRUE(client.CreateTopic(R"({"topic_name":")" + topic + R"("})"));
     auto writer = std::move(*client.CreateTopicDataWriter("writer"));
-    EXPECT_TRUE(writer->Initialize("mdb.scene"));
-    EXPECT_TRUE(writer->CreateInstance(
-        TopicInstance("mdb.scene", R"({"source":"1"})", std::nullopt), true));
+    EXPECT_TRUE(writer->Initialize(topic));
+    EXPECT_TRUE(
+        writer->CreateInstance(TopicInstance(topic, R"({"source":"1"})", std::nullopt), true));
     return writer;
 }
 
@@ -391,9 +397,7 @@ TEST(MqttReconnection, DelaysDoubleUpToTheBoundAndVaryWithinTheirUpperHalf) {
 TEST_F(TlsBrokerTest, ItemsReachAVerifiedBrokerThatWantsACertificateAndAPassword) {
     Broker broker(config());
     auto device_settings = device(broker);
-    auto client = Client::Create("radarscene-test", {4, 1, 0});
-    auto connected = client->Connect();
-    ASSERT_TRUE(connected) << connected.error().message;
+    auto client = connected();
     auto writer = scene_writer(*client);
     Subscriber received(broker, pki_, "mdb.scene/#");
     ASSERT_TRUE(received.wait_for(2));  // the retained definition and instance key
@@ -459,13 +463,8 @@ TEST_F(TlsBrokerTest, ItemsToATopicTheAccessListRefusesAreLoggedOnceAndCounted) 
     auto device_settings = device(broker);
     CapturedLog log;
     {
-        auto client = Client::Create("radarscene-test", {4, 1, 0});
-        ASSERT_TRUE(client->Connect());
-        ASSERT_TRUE(client->CreateTopic(R"({"topic_name":"mdb.refused"})"));
-        auto writer = std::move(*client->CreateTopicDataWriter("writer"));
-        ASSERT_TRUE(writer->Initialize("mdb.refused"));
-        ASSERT_TRUE(writer->CreateInstance(
-            TopicInstance("mdb.refused", R"({"source":"1"})", std::nullopt), true));
+        auto client = connected();
+        auto writer = scene_writer(*client, "mdb.refused");
         for (int i = 0; i < 5; ++i) {
             EXPECT_TRUE(writer->WriteData(*TopicData::FromJson("{}"), std::nullopt));
         }
@@ -486,8 +485,7 @@ TEST_F(TlsBrokerTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhi
     Broker broker(config());
     auto device_settings = device(broker);
     CapturedLog log;
-    auto client = Client::Create("radarscene-test", {4, 1, 0});
-    ASSERT_TRUE(client->Connect());
+    auto client = connected();
     auto writer = scene_writer(*client);
     broker.stop();
     ASSERT_TRUE(log.wait_for("lost the MQTT broker"));
@@ -539,8 +537,7 @@ TEST_F(TlsBrokerTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
     Broker broker(config());
     auto device_settings = device(broker);
     CapturedLog log;
-    auto client = Client::Create("radarscene-test", {4, 1, 0});
-    ASSERT_TRUE(client->Connect());
+    auto client = connected();
     auto writer = scene_writer(*client);
     size_t descriptors = 0;
     long resident = 0;
