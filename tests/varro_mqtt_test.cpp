@@ -1,8 +1,9 @@
+// The MQTT backend against mosquitto brokers that the tests start, plain and
+// with TLS.
+
 #include <tessel_os_varro/varro.h>
 
 #include "mqtt_settings.h"
-
-#include <mosquitto.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,10 +16,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -166,25 +166,6 @@ private:
     int saved_;
 };
 
-// Environment variables set for the object's life.
-class Environment {
-public:
-    explicit Environment(std::vector<std::pair<std::string, std::string>> variables)
-        : variables_(std::move(variables)) {
-        for (const auto& [name, value] : variables_) {
-            setenv(name.c_str(), value.c_str(), 1);
-        }
-    }
-    ~Environment() {
-        for (const auto& variable : variables_) {
-            unsetenv(variable.first.c_str());
-        }
-    }
-
-private:
-    std::vector<std::pair<std::string, std::string>> variables_;
-};
-
 // mosquitto_sub on `topic` with `options` (for TLS), its output ("topic
 // payload" lines) in a file.
 class Subscriber {
@@ -231,7 +212,8 @@ private:
 // A test CA with its certificates (tests/varro_mqtt_certs.sh), the users
 // radar and watcher, and an access list that lets radar write mdb.scene
 // but not the data of mdb.refused. mosquitto_sub logs in as watcher from
-// its configuration file, so that no password is on a command line.
+// its configuration file, so that no password is on a command line, and
+// shows the client certificate.
 class TlsBrokerTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -252,36 +234,43 @@ protected:
                                      << "topic write mdb.refused/$instances/#\n"
                                      << "user watcher\ntopic read #\n";
         std::ofstream(pki_ + "/password") << "fleet-secret\n";
-        std::ofstream(pki_ + "/mosquitto_sub") << "-u watcher\n-P watchword\n";
+        std::ofstream(pki_ + "/mosquitto_sub")
+            << "-u watcher\n-P watchword\n--cafile " << pki_ << "/ca.crt\n--cert " << pki_
+            << "/client.crt\n--key " << pki_ << "/client.key\n";
         setenv("XDG_CONFIG_HOME", pki_.c_str(), 1);
     }
-    static void TearDownTestSuite() { std::system(("rm -rf " + pki_).c_str()); }
+    static void TearDownTestSuite() {
+        unsetenv("XDG_CONFIG_HOME");
+        std::system(("rm -rf " + pki_).c_str());
+    }
 
     // The broker's settings with `cert` as its certificate.
-    static std::string config(const std::string& cert = "server", bool require_cert = true) {
+    static std::string config(const std::string& cert = "server") {
         return "cafile " + pki_ + "/ca.crt\ncertfile " + pki_ + "/" + cert + ".crt\nkeyfile " +
-               pki_ + "/server.key\nrequire_certificate " + (require_cert ? "true" : "false") +
-               "\nallow_anonymous false\npassword_file " + pki_ + "/passwords\nacl_file " + pki_ +
-               "/acl\n";
+               pki_ +
+               "/server.key\nrequire_certificate true\nallow_anonymous false\npassword_file " +
+               pki_ + "/passwords\nacl_file " + pki_ + "/acl\n";
     }
 
     // The device's settings for `broker`: client certificate, password
     // file and a reconnection delay short enough for the test.
-    static Environment device(const Broker& broker, const std::string& cafile = "ca") {
-        return Environment(
-            {{"VARRO_MQTT_URL", "mqtts://127.0.0.1:" + std::to_string(broker.port())},
-             {"VARRO_MQTT_CAFILE", pki_ + "/" + cafile + ".crt"},
-             {"VARRO_MQTT_CERTFILE", pki_ + "/client.crt"},
-             {"VARRO_MQTT_KEYFILE", pki_ + "/client.key"},
-             {"VARRO_MQTT_USERNAME", "radar"},
-             {"VARRO_MQTT_PASSWORD_FILE", pki_ + "/password"},
-             {"VARRO_MQTT_RECONNECT_DELAY", "0.01:0.05"}});
+    static void device(const Broker& broker, const std::string& cafile = "ca") {
+        for (const auto& [name, value] : std::map<std::string, std::string>{
+                 {"URL", "mqtts://127.0.0.1:" + std::to_string(broker.port())},
+                 {"CAFILE", pki_ + "/" + cafile + ".crt"},
+                 {"CERTFILE", pki_ + "/client.crt"},
+                 {"KEYFILE", pki_ + "/client.key"},
+                 {"USERNAME", "radar"},
+                 {"PASSWORD_FILE", pki_ + "/password"},
+                 {"RECONNECT_DELAY", "0.01:0.05"}}) {
+            setenv(("VARRO_MQTT_" + name).c_str(), value.c_str(), 1);
+        }
     }
-
-    // mosquitto_sub's, with the client certificate.
-    static std::vector<std::string> tls_options() {
-        return {"--cafile",           pki_ + "/ca.crt", "--cert",
-                pki_ + "/client.crt", "--key",          pki_ + "/client.key"};
+    void TearDown() override {
+        for (const char* name : {"URL", "CAFILE", "CERTFILE", "KEYFILE", "USERNAME", "PASSWORD",
+                                 "PASSWORD_FILE", "RECONNECT_DELAY"}) {
+            unsetenv((std::string("VARRO_MQTT_") + name).c_str());
+        }
     }
 
     static std::string pki_;
@@ -340,10 +329,10 @@ TEST(MqttReconnection, DelaysDoubleUpToTheBoundAndVaryWithinTheirUpperHalf) {
 
 TEST_F(TlsBrokerTest, ItemsReachAVerifiedBrokerThatWantsACertificateAndAPassword) {
     Broker broker(config());
-    auto device_settings = device(broker);
+    device(broker);
     auto client = connected();
     auto writer = scene_writer(*client);
-    Subscriber received(broker, "mdb.scene/#", tls_options());
+    Subscriber received(broker, "mdb.scene/#");
     ASSERT_TRUE(received.wait_for(2));  // the retained definition and instance key
     for (const char* item : {R"({"n":1})", R"({"n":2})"}) {
         ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(item), std::nullopt));
@@ -361,32 +350,34 @@ TEST_F(TlsBrokerTest, ItemsReachAVerifiedBrokerThatWantsACertificateAndAPassword
 // client tries again, and never the password.
 TEST_F(TlsBrokerTest, RefusedBrokersAndLoginsAreLoggedOnceWithTheirReason) {
     struct refusal_t {
-        std::string cert, cafile, override_name, override_value, reason;
+        std::string cert, cafile;
+        std::map<std::string, std::string> overrides;
+        std::string reason;
     };
-    std::string tls = "TLS with the MQTT broker at %s failed: ";
+    auto tls = [](const std::string& why) {
+        return "TLS with the MQTT broker at %s failed: " + why + "; nothing is sent to it";
+    };
     std::vector<refusal_t> refusals = {
-        {"server", "other-ca", "", "", tls + "self-signed certificate in certificate chain"},
-        {"expired", "ca", "", "", tls + "certificate has expired"},
-        {"elsewhere", "ca", "", "", tls + "IP address mismatch"},
-        {"server", "ca", "VARRO_MQTT_CERTFILE", "",
-         tls + "error:0A00045C:SSL routines::tlsv13 alert certificate required"},
-        {"server", "ca", "VARRO_MQTT_PASSWORD", "wrong-secret",
+        {"server", "other-ca", {}, tls("self-signed certificate in certificate chain")},
+        {"expired", "ca", {}, tls("certificate has expired")},
+        {"elsewhere", "ca", {}, tls("IP address mismatch")},
+        {"server",
+         "ca",
+         {{"CERTFILE", ""}, {"KEYFILE", ""}},
+         tls("error:0A00045C:SSL routines::tlsv13 alert certificate required")},
+        {"server",
+         "ca",
+         {{"PASSWORD_FILE", ""}, {"PASSWORD", "wrong-secret"}},
          "the MQTT broker at %s refused the credentials: Not authorized"}};
     for (const auto& refusal : refusals) {
         SCOPED_TRACE(refusal.reason);
         Broker broker(config(refusal.cert));
-        auto device_settings = device(broker, refusal.cafile);
-        if (refusal.override_name == "VARRO_MQTT_PASSWORD") {
-            unsetenv("VARRO_MQTT_PASSWORD_FILE");
-        } else if (!refusal.override_name.empty()) {
-            unsetenv("VARRO_MQTT_KEYFILE");
+        device(broker, refusal.cafile);
+        for (const auto& [name, value] : refusal.overrides) {
+            setenv(("VARRO_MQTT_" + name).c_str(), value.c_str(), 1);
         }
-        Environment overridden({{refusal.override_name + "", refusal.override_value}});
         std::string line = refusal.reason;
         line.replace(line.find("%s"), 2, broker.address());
-        if (line.starts_with("TLS")) {
-            line += "; nothing is sent to it";
-        }
         CapturedLog log;
         {
             auto client = Client::Create("radarscene-test", {4, 1, 0});
@@ -404,7 +395,7 @@ TEST_F(TlsBrokerTest, RefusedBrokersAndLoginsAreLoggedOnceWithTheirReason) {
 
 TEST_F(TlsBrokerTest, ItemsToATopicTheAccessListRefusesAreLoggedOnceAndCounted) {
     Broker broker(config());
-    auto device_settings = device(broker);
+    device(broker);
     CapturedLog log;
     {
         auto client = connected();
@@ -427,7 +418,7 @@ TEST_F(TlsBrokerTest, ItemsToATopicTheAccessListRefusesAreLoggedOnceAndCounted) 
 
 TEST_F(TlsBrokerTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhileAreCounted) {
     Broker broker(config());
-    auto device_settings = device(broker);
+    device(broker);
     CapturedLog log;
     auto client = connected();
     auto writer = scene_writer(*client);
@@ -438,7 +429,7 @@ TEST_F(TlsBrokerTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhi
     }
     broker.start();
     ASSERT_TRUE(log.wait_for("again; 20 data items were dropped while it was away")) << log.text();
-    Subscriber received(broker, "mdb.scene/#", tls_options());
+    Subscriber received(broker, "mdb.scene/#");
     ASSERT_TRUE(received.wait_for(2));
     std::vector<std::string> expected = {R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
                                          R"(mdb.scene/$instances/1 {"source":"1"})"};
@@ -479,7 +470,7 @@ long resident_kib() {
 
 TEST_F(TlsBrokerTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
     Broker broker(config());
-    auto device_settings = device(broker);
+    device(broker);
     CapturedLog log;
     auto client = connected();
     auto writer = scene_writer(*client);
