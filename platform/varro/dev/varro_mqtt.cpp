@@ -11,6 +11,7 @@
 
 #include "varro_mqtt.h"
 
+#include "mqtt_deliveries.h"
 #include "mqtt_settings.h"
 #include "mqtt_tls.h"
 
@@ -34,7 +35,6 @@
 #include <mutex>
 #include <optional>
 #include <random>
-#include <set>
 #include <thread>
 
 namespace tessel_os_varro {
@@ -48,8 +48,6 @@ constexpr auto RETAINED_WAIT = 200ms;
 constexpr auto STOP_WAIT = 1s;
 constexpr auto ATTEMPT_WAIT = 15s;
 constexpr int KEEPALIVE_SECONDS = 20;
-constexpr size_t MAX_IN_FLIGHT = 100;
-constexpr size_t MAX_UNCLAIMED_ACKS = 256;
 
 const char* const CONNECTED = "connected";
 
@@ -73,6 +71,7 @@ class MqttClient : public Client {
 public:
     MqttClient(const std::string& name, mqtt_settings_t settings)
         : settings_(std::move(settings)), address_(mqtt_settings_address(settings_)) {
+        deliveries_.address = address_;
         static std::once_flag initialised;
         std::call_once(initialised, [] { mosquitto_lib_init(); });
         // Client ids must be unique on a broker, which disconnects the older
@@ -204,7 +203,7 @@ public:
         int mid = 0;
         int rc = publish(&mid, topic, key, 1);
         if (rc == MOSQ_ERR_SUCCESS) {
-            track(mid, "");
+            sent(mid, "");
         } else if (rc != MOSQ_ERR_NO_CONN) {
             return MakeError(
                 ApiErrorCode::IoError,
@@ -216,22 +215,17 @@ public:
     int publish_item(const std::string& topic, const std::string& payload) {
         {
             std::lock_guard lock(mutex_);
-            if (state_ != CONNECTED) {
-                ++away_;
-                return MOSQ_ERR_SUCCESS;
-            }
-            if (in_flight_.size() >= MAX_IN_FLIGHT) {
-                ++dropped_behind_;
+            if (!mqtt_deliveries_admit(deliveries_, state_ == CONNECTED)) {
                 return MOSQ_ERR_SUCCESS;
             }
         }
         int mid = 0;
         int rc = publish(&mid, topic, payload, settings_.qos);
         if (rc == MOSQ_ERR_SUCCESS) {
-            track(mid, topic);
+            sent(mid, topic);
         } else if (rc == MOSQ_ERR_NO_CONN) {
             std::lock_guard lock(mutex_);
-            ++away_;
+            mqtt_deliveries_admit(deliveries_, false);
             rc = MOSQ_ERR_SUCCESS;
         }
         return rc;
@@ -243,43 +237,16 @@ private:
                                  payload.data(), qos, true);
     }
 
-    // The broker's answer may come before the publishing thread gets here:
-    // then it waits among the unclaimed acknowledgements.
-    void track(int mid, const std::string& topic) {
+    void sent(int mid, const std::string& topic) {
         std::lock_guard lock(mutex_);
-        if (auto ack = acks_.find(mid); ack != acks_.end()) {
-            settle(topic, ack->second);
-            acks_.erase(ack);
-        } else {
-            in_flight_[mid] = topic;
-        }
-    }
-
-    // The broker's answer to an item of `topic` (empty for a retained key):
-    // one log line when it starts refusing the topic and one when it takes
-    // it again.
-    void settle(const std::string& topic, int reason) {
-        if (topic.empty()) {
-            return;
-        }
-        if (reason >= 0x80) {
-            ++dropped_refused_;
-            if (refused_.insert(topic).second) {
-                fprintf(stderr, "<4>varro: the MQTT broker at %s refuses items on '%s': %s\n",
-                        address_.c_str(), topic.c_str(), mosquitto_reason_string(reason));
-            }
-        } else if (refused_.erase(topic)) {
-            fprintf(stderr, "<6>varro: the MQTT broker at %s takes items on '%s' again\n",
-                    address_.c_str(), topic.c_str());
-        }
+        mqtt_deliveries_sent(deliveries_, mid, topic);
     }
 
     std::optional<int> wait_for_ack(std::unique_lock<std::mutex>& lock, int mid) {
-        if (!changed_.wait_for(lock, ACK_WAIT, [&] { return acks_.count(mid) > 0; })) {
-            return std::nullopt;
-        }
-        int reason = acks_[mid];
-        acks_.erase(mid);
+        std::optional<int> reason;
+        changed_.wait_for(lock, ACK_WAIT, [&] {
+            return (reason = mqtt_deliveries_take(deliveries_, mid)).has_value();
+        });
         return reason;
     }
 
@@ -354,8 +321,7 @@ private:
         std::string refusal = mqtt_tls_take_refusal();
         std::lock_guard lock(mutex_);
         bool was_connected = state_ == CONNECTED;
-        // libmosquitto sends the items in flight again after reconnection.
-        in_flight_.clear();
+        mqtt_deliveries_lost(deliveries_);
         if (connack_ == MQTT_RC_BAD_USERNAME_OR_PASSWORD || connack_ == MQTT_RC_NOT_AUTHORIZED) {
             report("refused", 3, ApiErrorCode::PermissionDenied,
                    "the MQTT broker at " + address_ +
@@ -401,11 +367,9 @@ private:
             std::lock_guard lock(mutex_);
             std::string message = "connected to the MQTT broker at " + address_;
             if (ever_connected_) {
-                message += " again; " + std::to_string(away_) +
+                message += " again; " + std::to_string(mqtt_deliveries_back(deliveries_)) +
                            " data items were dropped while it was away";
             }
-            dropped_away_ += away_;
-            away_ = 0;
             ever_connected_ = true;
             report(CONNECTED, 6, ApiErrorCode::Unknown, message);
             retained = retained_;
@@ -414,21 +378,15 @@ private:
         for (const auto& [topic, payload] : retained) {
             int mid = 0;
             if (publish(&mid, topic, payload, 1) == MOSQ_ERR_SUCCESS) {
-                track(mid, "");
+                sent(mid, "");
             }
         }
     }
 
     void report_drops() {
         std::lock_guard lock(mutex_);
-        dropped_away_ += away_;
-        if (dropped_away_ + dropped_refused_ + dropped_behind_ > 0) {
-            fprintf(stderr,
-                    "<6>varro: left the MQTT broker at %s; data items dropped: %llu while it was "
-                    "away, %llu refused, %llu beyond %zu awaiting its acknowledgement\n",
-                    address_.c_str(), static_cast<unsigned long long>(dropped_away_),
-                    static_cast<unsigned long long>(dropped_refused_),
-                    static_cast<unsigned long long>(dropped_behind_), MAX_IN_FLIGHT);
+        if (std::string summary = mqtt_deliveries_summary(deliveries_); !summary.empty()) {
+            fprintf(stderr, "<6>varro: %s\n", summary.c_str());
         }
     }
 
@@ -473,17 +431,7 @@ private:
     static void acknowledge(void* client, int mid, int reason) {
         MqttClient& c = self(client);
         std::lock_guard lock(c.mutex_);
-        if (auto item = c.in_flight_.find(mid); item != c.in_flight_.end()) {
-            c.settle(item->second, reason);
-            c.in_flight_.erase(item);
-            return;
-        }
-        // Answers nobody claims (to a connection lost meanwhile) must not
-        // pile up.
-        if (c.acks_.size() >= MAX_UNCLAIMED_ACKS) {
-            c.acks_.erase(c.acks_.begin());
-        }
-        c.acks_[mid] = reason;
+        mqtt_deliveries_answered(c.deliveries_, mid, reason);
         c.changed_.notify_all();
     }
     static void on_subscribe(mosquitto*, void* client, int mid, int, const int*) {
@@ -514,11 +462,7 @@ private:
     std::string tls_error_;      // of the current attempt
     std::map<std::string, std::string> definitions_;
     std::map<std::string, std::string> retained_;  // published again on reconnection
-    std::map<int, std::string> in_flight_;         // message id -> data topic
-    std::map<int, int> acks_;                      // message id -> reason, unclaimed
-    std::set<std::string> refused_;
-    uint64_t away_ = 0;  // since the broker went away
-    uint64_t dropped_away_ = 0, dropped_refused_ = 0, dropped_behind_ = 0;
+    mqtt_deliveries_t deliveries_;
 };
 
 Result<void> MqttWriter::Initialize(std::string topic) {
