@@ -416,12 +416,22 @@ TEST_F(TlsBrokerTest, ItemsToATopicTheAccessListRefusesAreLoggedOnceAndCounted) 
                               "100 awaiting its acknowledgement\n");
 }
 
-TEST_F(TlsBrokerTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhileAreCounted) {
-    Broker broker(config());
-    device(broker);
+// A device connected to a TLS broker that the test restarts.
+class TlsRestartTest : public TlsBrokerTest {
+protected:
+    void SetUp() override {
+        device(broker);
+        client = connected();
+        writer = scene_writer(*client);
+    }
+
+    Broker broker{config()};
     CapturedLog log;
-    auto client = connected();
-    auto writer = scene_writer(*client);
+    std::unique_ptr<Client> client;
+    std::unique_ptr<TopicDataWriter> writer;
+};
+
+TEST_F(TlsRestartTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwhileAreCounted) {
     broker.stop();
     ASSERT_TRUE(log.wait_for("lost the MQTT broker"));
     for (int i = 0; i < 20; ++i) {
@@ -468,12 +478,7 @@ long resident_kib() {
 
 }  // namespace
 
-TEST_F(TlsBrokerTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
-    Broker broker(config());
-    device(broker);
-    CapturedLog log;
-    auto client = connected();
-    auto writer = scene_writer(*client);
+TEST_F(TlsRestartTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
     size_t descriptors = 0;
     long resident = 0;
     for (int i = 1; i <= 100; ++i) {
