@@ -3,20 +3,30 @@
 # geolocation service, the demo producer pushing synthetic radar frames
 # through a Sink, and radarscene-sub showing the stream as summaries and as
 # statistics. With --mqtt the broker topics go to a private mosquitto broker
-# instead of files, and a few of their data items are shown. With --view
-# radarscene-view shows the stream live in a browser until Ctrl-C.
-# Usage: scripts/demo.sh [--mqtt | --view]
+# instead of files, and a few of their data items are shown; with --tls as
+# well, over TLS to a broker that wants a client certificate and a password,
+# with a CA and certificates made for the run. With --view radarscene-view
+# shows the stream live in a browser until Ctrl-C.
+# Usage: scripts/demo.sh [--mqtt [--tls] | --view]
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 mqtt=false
+tls=false
 view=false
-case ${1:-} in
---mqtt) mqtt=true ;;
---view) view=true ;;
-"") ;;
-*) echo "usage: scripts/demo.sh [--mqtt | --view]" >&2; exit 2 ;;
-esac
+usage="usage: scripts/demo.sh [--mqtt [--tls] | --view]"
+for option in "$@"; do
+    case $option in
+    --mqtt) mqtt=true ;;
+    --tls) tls=true ;;
+    --view) view=true ;;
+    *) echo "$usage" >&2; exit 2 ;;
+    esac
+done
+if { $tls && ! $mqtt; } || { $view && $mqtt; }; then
+    echo "$usage" >&2
+    exit 2
+fi
 "$root/scripts/install-deps.sh"
 
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -48,13 +58,37 @@ echo "private system bus: $DBUS_SYSTEM_BUS_ADDRESS"
 if $mqtt; then
     port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
     chmod 755 "$work"
-    printf 'listener %s 127.0.0.1\nallow_anonymous true\npersistence false\n' "$port" >"$work/mosquitto.conf"
+    printf 'listener %s 127.0.0.1\npersistence false\n' "$port" >"$work/mosquitto.conf"
+    subscriber=(-h 127.0.0.1 -p "$port")
+    if $tls; then
+        # The secret goes through files only, never a command line.
+        "$root/tests/varro_mqtt_certs.sh" "$work"
+        secret=$(head -c 12 /dev/urandom | base64)
+        (
+            umask 077
+            printf '%s\n' "$secret" >"$work/password"
+            printf -- '-u radar\n-P %s\n' "$secret" >"$work/mosquitto_sub"
+        )
+        printf 'radar:%s\n' "$secret" >"$work/passwords"
+        mosquitto_passwd -U "$work/passwords"
+        chmod 644 "$work/passwords" # hashed; the broker reads it as its own user
+        printf '%s\n' "cafile $work/ca.crt" "certfile $work/server.crt" \
+            "keyfile $work/server.key" "require_certificate true" "allow_anonymous false" \
+            "password_file $work/passwords" >>"$work/mosquitto.conf"
+        export VARRO_MQTT_URL=mqtts://127.0.0.1:$port VARRO_MQTT_CAFILE=$work/ca.crt \
+            VARRO_MQTT_CERTFILE=$work/client.crt VARRO_MQTT_KEYFILE=$work/client.key \
+            VARRO_MQTT_USERNAME=radar VARRO_MQTT_PASSWORD_FILE=$work/password
+        subscriber+=(--cafile "$work/ca.crt" --cert "$work/client.crt" --key "$work/client.key")
+    else
+        printf 'allow_anonymous true\n' >>"$work/mosquitto.conf"
+        export VARRO_MQTT_URL=mqtt://127.0.0.1:$port
+    fi
     mosquitto -c "$work/mosquitto.conf" 2>/dev/null &
     pids+=($!)
     for _ in $(seq 50); do (echo >"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break; sleep 0.1; done
-    export VARRO_MQTT_URL=mqtt://127.0.0.1:$port
     echo "private MQTT broker: $VARRO_MQTT_URL"
-    mosquitto_sub -h 127.0.0.1 -p "$port" -t 'mdb.radar.scene/1' -C 3 -v >"$work/mqtt.txt" &
+    XDG_CONFIG_HOME=$work mosquitto_sub "${subscriber[@]}" -t 'mdb.radar.scene/1' -C 3 -v \
+        >"$work/mqtt.txt" &
     mqtt_sub=$!
 fi
 

@@ -10,7 +10,7 @@ packages=(
     dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
     python3-dbus python3-protobuf
-    mosquitto libmosquitto-dev mosquitto-clients
+    mosquitto libmosquitto-dev mosquitto-clients libssl-dev openssl
     libzstd-dev liblz4-dev zlib1g-dev zstd lz4 libwebsockets-dev chromium
 )
 # The tests run third-party JavaScript clients with node and npm; a machine

@@ -1,22 +1,31 @@
-// Development backend of the broker client over MQTT (libmosquitto), used
-// when VARRO_MQTT_URL names a broker:
-//   VARRO_MQTT_URL       mqtt://host[:port] (1883), or mqtts://host[:port] (8883)
-//   VARRO_MQTT_USERNAME, VARRO_MQTT_PASSWORD   credentials, optional
-//   VARRO_MQTT_CAFILE    CA certificate for mqtts, optional
-//   VARRO_MQTT_QOS       QoS of data items, 0 (default) to 2
-// A topic "T" keeps its definition as the retained message "T/$definition",
-// each instance key as "T/$instances/<source>", and each data item is
-// published, retained, on "T/<source>". libmosquitto's loop thread keeps the
-// connection and reconnects; publishing never waits for the broker.
+// Development backend of the broker client over MQTT 5 (libmosquitto), used
+// when VARRO_MQTT_URL names a broker; README's "Device libraries" lists the
+// variables. A topic "T" keeps its definition as the retained message
+// "T/$definition", each instance key as "T/$instances/<source>", and each
+// data item is published, retained, on "T/<source>" with QoS 1 or 2: the
+// broker's acknowledgements name the topics it refuses and bound the items
+// in flight. A thread of the client's own keeps the connection, reconnects
+// with a growing delay and publishes the definitions and instance keys
+// again. Publishing never waits for the broker: while it is away, or while
+// too many items await its acknowledgement, items are dropped and counted.
 
 #include "varro_mqtt.h"
 
+#include "mqtt_deliveries.h"
+#include "mqtt_settings.h"
+#include "mqtt_tls.h"
+
+#include <openssl/ssl.h>
+
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -25,7 +34,8 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <set>
+#include <random>
+#include <thread>
 
 namespace tessel_os_varro {
 namespace {
@@ -35,46 +45,11 @@ using namespace std::chrono_literals;
 constexpr auto CONNECT_WAIT = 5s;
 constexpr auto ACK_WAIT = 2s;
 constexpr auto RETAINED_WAIT = 200ms;
+constexpr auto STOP_WAIT = 1s;
+constexpr auto ATTEMPT_WAIT = 15s;
+constexpr int KEEPALIVE_SECONDS = 20;
 
-std::string env(const char* name) {
-    const char* value = getenv(name);
-    return value ? value : "";
-}
-
-struct settings_t {
-    std::string host;
-    int port = 1883;
-    bool tls = false;
-    std::string username, password, cafile;
-    int qos = 0;
-};
-
-std::optional<settings_t> parse_settings(const std::string& url) {
-    settings_t s;
-    std::string rest;
-    if (url.rfind("mqtt://", 0) == 0) {
-        rest = url.substr(7);
-    } else if (url.rfind("mqtts://", 0) == 0) {
-        rest = url.substr(8);
-        s.tls = true;
-        s.port = 8883;
-    } else {
-        return std::nullopt;
-    }
-    if (size_t colon = rest.rfind(':'); colon != std::string::npos) {
-        s.port = atoi(rest.c_str() + colon + 1);
-        rest.resize(colon);
-    }
-    if (rest.empty() || s.port <= 0 || s.port > 65535) {
-        return std::nullopt;
-    }
-    s.host = rest;
-    s.username = env("VARRO_MQTT_USERNAME");
-    s.password = env("VARRO_MQTT_PASSWORD");
-    s.cafile = env("VARRO_MQTT_CAFILE");
-    s.qos = std::clamp(atoi(env("VARRO_MQTT_QOS").c_str()), 0, 2);
-    return s;
-}
+const char* const CONNECTED = "connected";
 
 class MqttClient;
 
@@ -94,7 +69,9 @@ private:
 
 class MqttClient : public Client {
 public:
-    MqttClient(const std::string& name, settings_t settings) : settings_(std::move(settings)) {
+    MqttClient(const std::string& name, mqtt_settings_t settings)
+        : settings_(std::move(settings)), address_(mqtt_settings_address(settings_)) {
+        deliveries_.address = address_;
         static std::once_flag initialised;
         std::call_once(initialised, [] { mosquitto_lib_init(); });
         // Client ids must be unique on a broker, which disconnects the older
@@ -104,66 +81,63 @@ public:
                          std::to_string(getpid()) + "-" + std::to_string(++clients);
         mosq_ = mosquitto_new(id.c_str(), true, this);
         if (mosq_) {
-            mosquitto_connect_callback_set(mosq_, on_connect);
-            mosquitto_disconnect_callback_set(mosq_, on_disconnect);
+            mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+            mosquitto_threaded_set(mosq_, true);
+            mosquitto_connect_v5_callback_set(mosq_, on_connect);
+            mosquitto_disconnect_v5_callback_set(mosq_, on_disconnect);
             mosquitto_message_callback_set(mosq_, on_message);
             mosquitto_subscribe_callback_set(mosq_, on_subscribe);
-            mosquitto_publish_callback_set(mosq_, on_publish);
-            mosquitto_reconnect_delay_set(mosq_, 1, 10, false);
+            mosquitto_publish_v5_callback_set(mosq_, on_publish);
+            mosquitto_log_callback_set(mosq_, on_log);
         }
     }
 
     ~MqttClient() override {
-        if (!mosq_) {
-            return;
+        if (thread_.joinable()) {
+            {
+                std::lock_guard lock(mutex_);
+                stop_by_ = std::chrono::steady_clock::now() + STOP_WAIT;
+                stopping_ = true;
+                changed_.notify_all();
+            }
+            mosquitto_disconnect(mosq_);
+            thread_.join();
+            report_drops();
         }
-        // The loop thread ends by itself once disconnecting; cancelling it
-        // instead could leave one of libmosquitto's mutexes locked.
-        mosquitto_disconnect(mosq_);
-        mosquitto_loop_stop(mosq_, false);
-        mosquitto_destroy(mosq_);
+        if (mosq_) {
+            mosquitto_destroy(mosq_);
+        }
     }
 
     Result<void> Connect() override {
         if (!mosq_) {
             return MakeError(ApiErrorCode::Unknown, "cannot create an MQTT client");
         }
+        if (thread_.joinable()) {
+            return MakeError(ApiErrorCode::AlreadyExists, "already connecting to " + address_);
+        }
+        if (settings_.tls) {
+            auto tls = mqtt_tls_create(settings_);
+            if (!tls) {
+                return MakeError(ApiErrorCode::InvalidArgument, tls.error());
+            }
+            tls_ = std::move(*tls);
+            mosquitto_int_option(mosq_, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
+            mosquitto_void_option(mosq_, MOSQ_OPT_SSL_CTX, tls_.get());
+        }
         if (!settings_.username.empty()) {
             mosquitto_username_pw_set(
                 mosq_, settings_.username.c_str(),
                 settings_.password.empty() ? nullptr : settings_.password.c_str());
         }
-        if (settings_.tls) {
-            int rc = mosquitto_tls_set(
-                mosq_, settings_.cafile.empty() ? nullptr : settings_.cafile.c_str(),
-                settings_.cafile.empty() ? "/etc/ssl/certs" : nullptr, nullptr, nullptr, nullptr);
-            if (rc != MOSQ_ERR_SUCCESS) {
-                return MakeError(ApiErrorCode::InvalidArgument,
-                                 std::string("TLS set-up failed: ") + mosquitto_strerror(rc));
-            }
-        }
-        int rc = mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port, 30);
-        if (rc == MOSQ_ERR_SUCCESS) {
-            rc = mosquitto_loop_start(mosq_);
-        }
-        if (rc != MOSQ_ERR_SUCCESS) {
-            return MakeError(
-                ApiErrorCode::NotConnected,
-                "cannot reach the MQTT broker at " + address() + ": " + mosquitto_strerror(rc));
-        }
+        thread_ = std::thread(&MqttClient::run, this);
         std::unique_lock lock(mutex_);
-        if (!changed_.wait_for(lock, CONNECT_WAIT, [&] { return connack_ >= 0; })) {
+        if (!changed_.wait_for(lock, CONNECT_WAIT, [&] { return !state_.empty(); })) {
             return MakeError(ApiErrorCode::NotConnected,
-                             "no answer from the MQTT broker at " + address());
+                             "no answer from the MQTT broker at " + address_);
         }
-        if (connack_ == 4 || connack_ == 5) {
-            return MakeError(ApiErrorCode::PermissionDenied,
-                             "the MQTT broker at " + address() + " refused the credentials");
-        }
-        if (connack_ != 0) {
-            return MakeError(ApiErrorCode::NotConnected,
-                             "the MQTT broker at " + address() +
-                                 " refused the connection: " + mosquitto_connack_string(connack_));
+        if (state_ != CONNECTED) {
+            return std::unexpected(failure_);
         }
         return {};
     }
@@ -196,14 +170,22 @@ public:
             return MakeError(ApiErrorCode::InvalidArgument, "invalid topic definition");
         }
         std::string name = parsed["topic_name"].get<std::string>();
+        std::string topic = name + "/$definition";
         int mid = 0;
-        int rc = publish(&mid, name + "/$definition", definition, 1);
+        int rc = publish(&mid, topic, definition, 1);
         std::unique_lock lock(mutex_);
-        if (rc != MOSQ_ERR_SUCCESS || !wait_for_ack(lock, mid)) {
+        std::optional<int> reason;
+        if (rc == MOSQ_ERR_SUCCESS) {
+            reason = wait_for_ack(lock, mid);
+        }
+        if (!reason || *reason >= 0x80) {
             return MakeError(ApiErrorCode::IoError,
-                             "the MQTT broker did not take the definition of '" + name + "'");
+                             "the MQTT broker did not take the definition of '" + name + "'" +
+                                 (reason ? std::string(": ") + mosquitto_reason_string(*reason)
+                                         : std::string()));
         }
         definitions_[name] = definition;
+        retained_[topic] = definition;
         return Topic(name);
     }
 
@@ -211,85 +193,276 @@ public:
         return std::make_unique<MqttWriter>(*this);
     }
 
+    // An instance key, published now where the broker is there and again
+    // after every reconnection.
+    Result<void> publish_key(const std::string& topic, const std::string& key) {
+        {
+            std::lock_guard lock(mutex_);
+            retained_[topic] = key;
+        }
+        int mid = 0;
+        int rc = publish(&mid, topic, key, 1);
+        if (rc == MOSQ_ERR_SUCCESS) {
+            sent(mid, "");
+        } else if (rc != MOSQ_ERR_NO_CONN) {
+            return MakeError(
+                ApiErrorCode::IoError,
+                std::string("cannot publish the instance key: ") + mosquitto_strerror(rc));
+        }
+        return {};
+    }
+
+    int publish_item(const std::string& topic, const std::string& payload) {
+        {
+            std::lock_guard lock(mutex_);
+            if (!mqtt_deliveries_admit(deliveries_, state_ == CONNECTED)) {
+                return MOSQ_ERR_SUCCESS;
+            }
+        }
+        int mid = 0;
+        int rc = publish(&mid, topic, payload, settings_.qos);
+        if (rc == MOSQ_ERR_SUCCESS) {
+            sent(mid, topic);
+        } else if (rc == MOSQ_ERR_NO_CONN) {
+            std::lock_guard lock(mutex_);
+            mqtt_deliveries_admit(deliveries_, false);
+            rc = MOSQ_ERR_SUCCESS;
+        }
+        return rc;
+    }
+
+private:
     int publish(int* mid, const std::string& topic, const std::string& payload, int qos) {
         return mosquitto_publish(mosq_, mid, topic.c_str(), static_cast<int>(payload.size()),
                                  payload.data(), qos, true);
     }
-    int data_qos() const { return settings_.qos; }
 
-private:
-    bool wait_for_ack(std::unique_lock<std::mutex>& lock, int mid) {
-        bool acked = changed_.wait_for(lock, ACK_WAIT, [&] { return acked_.count(mid) > 0; });
-        acked_.erase(mid);
-        return acked;
+    void sent(int mid, const std::string& topic) {
+        std::lock_guard lock(mutex_);
+        mqtt_deliveries_sent(deliveries_, mid, topic);
     }
 
-    std::string address() const { return settings_.host + ":" + std::to_string(settings_.port); }
+    std::optional<int> wait_for_ack(std::unique_lock<std::mutex>& lock, int mid) {
+        std::optional<int> reason;
+        changed_.wait_for(lock, ACK_WAIT, [&] {
+            return (reason = mqtt_deliveries_take(deliveries_, mid)).has_value();
+        });
+        return reason;
+    }
 
-    // One log line per change of the connection's state, however many
-    // frames are published meanwhile.
-    void set_connected(bool connected) {
-        if (connected != connected_) {
-            connected_ = connected;
-            fprintf(stderr,
-                    connected ? "<6>varro: connected to the MQTT broker at %s\n"
-                              : "<4>varro: lost the MQTT broker at %s; reconnecting\n",
-                    address().c_str());
+    // The connection's thread: one attempt after the other until the
+    // client is destroyed, each waiting longer than the one before while
+    // none succeeds.
+    void run() {
+        std::mt19937 random(std::random_device{}());
+        int failures = 0;
+        while (!stopping_) {
+            mqtt_tls_take_refusal();
+            {
+                std::lock_guard lock(mutex_);
+                connack_ = 0;
+                disconnect_reason_ = 0;
+                tls_error_.clear();
+            }
+            int rc = mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port,
+                                             KEEPALIVE_SECONDS);
+            int error = errno;
+            auto attempt_by = std::chrono::steady_clock::now() + ATTEMPT_WAIT;
+            while (rc == MOSQ_ERR_SUCCESS && !stopped()) {
+                rc = mosquitto_loop(mosq_, 100, 1);
+                error = errno;
+                if (rc == MOSQ_ERR_SUCCESS && (error = unanswered(attempt_by))) {
+                    rc = MOSQ_ERR_ERRNO;
+                }
+            }
+            if (stopping_) {
+                break;
+            }
+            failures = ended(rc, error) ? 0 : failures + 1;
+            auto delay = mqtt_settings_reconnect_delay(
+                settings_, failures, std::uniform_real_distribution<double>(0, 1)(random));
+            std::unique_lock lock(mutex_);
+            changed_.wait_for(lock, delay, [&] { return stopping_.load(); });
         }
     }
 
-    static void on_connect(mosquitto*, void* self, int rc) {
-        auto* c = static_cast<MqttClient*>(self);
-        std::lock_guard lock(c->mutex_);
-        c->connack_ = rc;
-        c->set_connected(rc == 0);
-        c->changed_.notify_all();
+    // Why an attempt that has not connected yet is over, or 0. libmosquitto
+    // keeps retrying a TLS handshake on a socket whose connection was
+    // refused, so the socket's own state tells, as long as the broker has
+    // not answered the handshake (after that, its alerts say more).
+    int unanswered(std::chrono::steady_clock::time_point attempt_by) {
+        {
+            std::lock_guard lock(mutex_);
+            if (state_ == CONNECTED) {
+                return 0;
+            }
+        }
+        auto* ssl = static_cast<SSL*>(mosquitto_ssl_get(mosq_));
+        OSSL_HANDSHAKE_STATE handshake = ssl ? SSL_get_state(ssl) : TLS_ST_OK;
+        tcp_info info{};
+        socklen_t size = sizeof(info);
+        int fd = mosquitto_socket(mosq_);
+        if ((handshake == TLS_ST_BEFORE || handshake == TLS_ST_CW_CLNT_HELLO) && fd >= 0 &&
+            getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+            info.tcpi_state == TCP_CLOSE) {
+            return ECONNREFUSED;
+        }
+        return std::chrono::steady_clock::now() > attempt_by ? ETIMEDOUT : 0;
     }
-    // rc 0 is our own disconnection, at destruction: nothing was lost.
-    static void on_disconnect(mosquitto*, void* self, int rc) {
-        auto* c = static_cast<MqttClient*>(self);
-        std::lock_guard lock(c->mutex_);
-        if (rc != 0) {
-            c->set_connected(false);
+
+    bool stopped() {
+        std::lock_guard lock(mutex_);
+        return stopping_ && std::chrono::steady_clock::now() > stop_by_;
+    }
+
+    // The end of an attempt or of a connection: says why, once per change
+    // of state, and whether the client had been connected.
+    bool ended(int rc, int error) {
+        std::string refusal = mqtt_tls_take_refusal();
+        std::lock_guard lock(mutex_);
+        bool was_connected = state_ == CONNECTED;
+        mqtt_deliveries_lost(deliveries_);
+        if (connack_ == MQTT_RC_BAD_USERNAME_OR_PASSWORD || connack_ == MQTT_RC_NOT_AUTHORIZED) {
+            report("refused", 3, ApiErrorCode::PermissionDenied,
+                   "the MQTT broker at " + address_ +
+                       " refused the credentials: " + mosquitto_reason_string(connack_));
+        } else if (connack_ != 0) {
+            report("refused", 3, ApiErrorCode::NotConnected,
+                   "the MQTT broker at " + address_ +
+                       " refused the connection: " + mosquitto_reason_string(connack_));
+        } else if (!refusal.empty() || !tls_error_.empty()) {
+            report("tls", 3, ApiErrorCode::NotConnected,
+                   "TLS with the MQTT broker at " + address_ + " failed: " +
+                       (refusal.empty() ? tls_error_ : refusal) + "; nothing is sent to it");
+        } else {
+            std::string why =
+                disconnect_reason_ >= 0x80
+                    ? mosquitto_reason_string(disconnect_reason_)
+                    : (rc == MOSQ_ERR_ERRNO ? strerror(error) : mosquitto_strerror(rc));
+            report("away", 4, ApiErrorCode::NotConnected,
+                   was_connected ? "lost the MQTT broker at " + address_ + " (" + why +
+                                       "); items are dropped until it is back"
+                                 : "cannot reach the MQTT broker at " + address_ + ": " + why);
+        }
+        return was_connected;
+    }
+
+    // One log line per change of state; the failure is what Connect gives.
+    void report(const std::string& state, int level, ApiErrorCode code,
+                const std::string& message) {
+        // Whatever the network's error, the broker is away; a refusal is a
+        // new state when its reason changes.
+        std::string key = state == "refused" || state == "tls" ? state + ": " + message : state;
+        if (key != state_) {
+            fprintf(stderr, "<%d>varro: %s\n", level, message.c_str());
+        }
+        state_ = key;
+        failure_ = {code, message};
+        changed_.notify_all();
+    }
+
+    void connected() {
+        std::map<std::string, std::string> retained;
+        {
+            std::lock_guard lock(mutex_);
+            std::string message = "connected to the MQTT broker at " + address_;
+            if (ever_connected_) {
+                message += " again; " + std::to_string(mqtt_deliveries_back(deliveries_)) +
+                           " data items were dropped while it was away";
+            }
+            ever_connected_ = true;
+            report(CONNECTED, 6, ApiErrorCode::Unknown, message);
+            retained = retained_;
+        }
+        // The broker may have lost them (a restart without persistence).
+        for (const auto& [topic, payload] : retained) {
+            int mid = 0;
+            if (publish(&mid, topic, payload, 1) == MOSQ_ERR_SUCCESS) {
+                sent(mid, "");
+            }
         }
     }
-    static void on_message(mosquitto*, void* self, const mosquitto_message* message) {
-        auto* c = static_cast<MqttClient*>(self);
-        std::string topic = message->topic;
-        const std::string suffix = "/$definition";
-        if (message->payloadlen <= 0 || topic.size() <= suffix.size() ||
-            topic.compare(topic.size() - suffix.size(), suffix.size(), suffix) != 0) {
+
+    void report_drops() {
+        std::lock_guard lock(mutex_);
+        if (std::string summary = mqtt_deliveries_summary(deliveries_); !summary.empty()) {
+            fprintf(stderr, "<6>varro: %s\n", summary.c_str());
+        }
+    }
+
+    static MqttClient& self(void* client) { return *static_cast<MqttClient*>(client); }
+
+    static void on_connect(mosquitto*, void* client, int rc, int, const mosquitto_property*) {
+        MqttClient& c = self(client);
+        if (rc == 0) {
+            c.connected();
             return;
         }
-        std::lock_guard lock(c->mutex_);
-        c->definitions_[topic.substr(0, topic.size() - suffix.size())] = std::string(
-            static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
-        c->changed_.notify_all();
+        std::lock_guard lock(c.mutex_);
+        c.connack_ = rc;
     }
-    static void acknowledge(void* self, int mid) {
-        auto* c = static_cast<MqttClient*>(self);
-        std::lock_guard lock(c->mutex_);
-        // Acknowledgements nobody waits for (data items of QoS 1 or 2) must
-        // not pile up.
-        if (c->acked_.size() > 256) {
-            c->acked_.erase(c->acked_.begin());
+    static void on_disconnect(mosquitto*, void* client, int rc, const mosquitto_property*) {
+        MqttClient& c = self(client);
+        std::lock_guard lock(c.mutex_);
+        c.disconnect_reason_ = rc;
+    }
+    // OpenSSL's reason for a failed handshake that was not about the
+    // broker's certificate (a client certificate it wants, say).
+    static void on_log(mosquitto*, void* client, int level, const char* text) {
+        const char* prefix = "OpenSSL Error[0]: ";
+        if (level == MOSQ_LOG_ERR && strncmp(text, prefix, strlen(prefix)) == 0) {
+            MqttClient& c = self(client);
+            std::lock_guard lock(c.mutex_);
+            c.tls_error_ = text + strlen(prefix);
         }
-        c->acked_.insert(mid);
-        c->changed_.notify_all();
     }
-    static void on_subscribe(mosquitto*, void* self, int mid, int, const int*) {
-        acknowledge(self, mid);
+    static void on_message(mosquitto*, void* client, const mosquitto_message* message) {
+        MqttClient& c = self(client);
+        std::string topic = message->topic;
+        const std::string suffix = "/$definition";
+        if (message->payloadlen <= 0 || !topic.ends_with(suffix)) {
+            return;
+        }
+        std::lock_guard lock(c.mutex_);
+        c.definitions_[topic.substr(0, topic.size() - suffix.size())] = std::string(
+            static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
+        c.changed_.notify_all();
     }
-    static void on_publish(mosquitto*, void* self, int mid) { acknowledge(self, mid); }
+    static void acknowledge(void* client, int mid, int reason) {
+        MqttClient& c = self(client);
+        std::lock_guard lock(c.mutex_);
+        mqtt_deliveries_answered(c.deliveries_, mid, reason);
+        c.changed_.notify_all();
+    }
+    static void on_subscribe(mosquitto*, void* client, int mid, int, const int*) {
+        acknowledge(client, mid, 0);
+    }
+    static void on_publish(mosquitto*, void* client, int mid, int reason,
+                           const mosquitto_property*) {
+        acknowledge(client, mid, reason);
+    }
 
-    settings_t settings_;
+    const mqtt_settings_t settings_;
+    const std::string address_;
+    mqtt_tls_t tls_;
     mosquitto* mosq_ = nullptr;
+    std::thread thread_;
+    std::atomic<bool> stopping_{false};
+
+    // Guards what follows. Never held while calling into libmosquitto,
+    // whose callbacks take it.
     std::mutex mutex_;
     std::condition_variable changed_;
-    int connack_ = -1;
-    bool connected_ = false;
+    std::chrono::steady_clock::time_point stop_by_;
+    std::string state_;  // empty before the first attempt ends
+    Error<ApiErrorCode> failure_{ApiErrorCode::Unknown, ""};
+    bool ever_connected_ = false;
+    int connack_ = 0;            // of the current attempt
+    int disconnect_reason_ = 0;  // of the current attempt
+    std::string tls_error_;      // of the current attempt
     std::map<std::string, std::string> definitions_;
-    std::set<int> acked_;
+    std::map<std::string, std::string> retained_;  // published again on reconnection
+    mqtt_deliveries_t deliveries_;
 };
 
 Result<void> MqttWriter::Initialize(std::string topic) {
@@ -306,12 +479,7 @@ Result<void> MqttWriter::CreateInstance(const TopicInstance& instance, bool) {
     std::string source =
         key["source"].is_string() ? key["source"].get<std::string>() : key["source"].dump();
     data_topic_ = topic_ + "/" + source;
-    int rc = client_.publish(nullptr, topic_ + "/$instances/" + source, instance.Key(), 1);
-    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
-        return MakeError(ApiErrorCode::IoError,
-                         std::string("cannot publish the instance key: ") + mosquitto_strerror(rc));
-    }
-    return {};
+    return client_.publish_key(topic_ + "/$instances/" + source, instance.Key());
 }
 
 Result<void> MqttWriter::WriteData(const TopicData& data,
@@ -319,9 +487,9 @@ Result<void> MqttWriter::WriteData(const TopicData& data,
     if (data_topic_.empty()) {
         return MakeError(ApiErrorCode::InvalidArgument, "no instance of topic '" + topic_ + "'");
     }
-    int rc = client_.publish(nullptr, data_topic_, data.Json(), client_.data_qos());
-    // While the broker is away items are dropped; the client has said so once.
-    if (rc != MOSQ_ERR_SUCCESS && rc != MOSQ_ERR_NO_CONN) {
+    // Items dropped while the broker is away or behind are counted, not
+    // failed: the client says so once, not per item.
+    if (int rc = client_.publish_item(data_topic_, data.Json()); rc != MOSQ_ERR_SUCCESS) {
         return MakeError(ApiErrorCode::IoError, std::string("cannot publish to '") + data_topic_ +
                                                     "': " + mosquitto_strerror(rc));
     }
@@ -331,10 +499,9 @@ Result<void> MqttWriter::WriteData(const TopicData& data,
 }  // namespace
 
 std::unique_ptr<Client> create_mqtt_client(const std::string& name, const std::string& url) {
-    std::optional<settings_t> settings = parse_settings(url);
+    auto settings = mqtt_settings_from_env(url);
     if (!settings) {
-        fprintf(stderr, "<3>varro: VARRO_MQTT_URL is not an mqtt:// or mqtts:// address: %s\n",
-                url.c_str());
+        fprintf(stderr, "<3>varro: %s\n", settings.error().c_str());
         return nullptr;
     }
     return std::make_unique<MqttClient>(name, std::move(*settings));
