@@ -41,7 +41,7 @@ sed -e "s|@DIR@|$work|" -e "s|@POLICY_DIR@|$prefix/share/dbus-1/system.d|" \
     "$src/tests/system-bus.conf.in" >"$work/system.conf"
 start_bus "$work/system.conf"
 chmod 666 "$work/system_bus_socket"
-export LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} VARRO_DEV_DIR=$work/broker
+export VARRO_DEV_DIR=$work/broker
 as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
 
 as_nobody "$prefix/bin/radarscene-demo-producer" 2>"$work/refused.log" &&

@@ -15,7 +15,6 @@ need_js_clients
 command -v zstd >/dev/null && command -v lz4 >/dev/null || fail "needs the zstd and lz4 commands"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 tools=$work/prefix/bin
-export LD_LIBRARY_PATH=$work/prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 start_private_bus "$2"
 
 mcapfile() { /usr/bin/python3 "$here/mcapfile.py" "$@"; }

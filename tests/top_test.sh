@@ -9,7 +9,7 @@ set -euo pipefail
 build=$1
 source "$(dirname "${BASH_SOURCE[0]}")/testlib.sh"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-export PATH=$work/prefix/bin:$PATH LD_LIBRARY_PATH=$work/prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+export PATH=$work/prefix/bin:$PATH
 start_private_bus "$2"
 
 # A subscriber of channel 0 that reads 20 scenes, unsubscribes and reads on to
