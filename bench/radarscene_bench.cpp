@@ -259,6 +259,7 @@ struct run_result {
     double max_gap_us = 0;  // of the readers that read to the end
     size_t delivered = 0, expected = 0;
     size_t read_on_delivered = 0, read_on_expected = 0;  // of the readers that read to the end
+    uint64_t replaced = 0;  // frames the provider counted as replaced before a session got them
     double cpu_us = 0;
     int frames = 0;
 
@@ -272,6 +273,7 @@ struct run_result {
         expected += run.expected;
         read_on_delivered += run.read_on_delivered;
         read_on_expected += run.read_on_expected;
+        replaced += run.replaced;
         cpu_us += run.cpu_us;
         frames += run.frames;
     }
@@ -394,6 +396,27 @@ int subscribe(sd_bus* bus, const std::vector<const char*>& features = DEFAULT_FE
     return fd;
 }
 
+// The frames the provider replaced before its sessions got them, from its
+// statistics object; 0 from a provider without one.
+uint64_t frames_replaced(sd_bus* bus) {
+    sd_bus_message* reply = nullptr;
+    uint64_t replaced = 0;
+    if (sd_bus_call_method(
+            bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1/Statistics",
+            "com.tessel.RadarSceneProvider1.Statistics", "GetChannels", nullptr, &reply, "") >= 0 &&
+        sd_bus_message_enter_container(reply, 'a', "(iuttttt)") >= 0) {
+        int32_t channel = 0;
+        uint32_t active = 0;
+        uint64_t pushed = 0, scenes = 0, frames = 0, bytes = 0, broken = 0;
+        while (sd_bus_message_read(reply, "(iuttttt)", &channel, &active, &pushed, &scenes, &frames,
+                                   &bytes, &broken) > 0) {
+            replaced += frames;
+        }
+    }
+    sd_bus_message_unref(reply);
+    return replaced;
+}
+
 // The first `stalled` subscribers stop reading after their first scene;
 // `try_push` pushes with Sink::tryPush.
 run_result library_run(int subscribers, int objects, int frames, double rate, int stalled = 0,
@@ -422,6 +445,7 @@ run_result library_run(int subscribers, int objects, int frames, double rate, in
                 shutdown(r.fd, SHUT_RDWR);
             }
         });
+    result.replaced = frames_replaced(bus);
     for (auto& r : readers) {
         close(r.fd);
     }
@@ -468,9 +492,11 @@ void print_run(const char* what, const run_result& r) {
             delay = summarise(r.delay_us);
     printf(
         "  %-9s push us p50 %8.1f p99 %8.1f max %9.1f (thread cpu p99 %6.1f max %6.1f)"
-        " | delay us p50 %8.1f p99 %8.1f max %9.1f | delivered %6zu/%-6zu | cpu/frame %8.1f us\n",
+        " | delay us p50 %8.1f p99 %8.1f max %9.1f | delivered %6zu/%-6zu (%llu replaced)"
+        " | cpu/frame %8.1f us\n",
         what, push.p50, push.p99, push.max, push_cpu.p99, push_cpu.max, delay.p50, delay.p99,
-        delay.max, r.delivered, r.expected, r.cpu_per_frame_us());
+        delay.max, r.delivered, r.expected, static_cast<unsigned long long>(r.replaced),
+        r.cpu_per_frame_us());
 }
 
 // What the readers that read on received while others stalled.
@@ -718,6 +744,7 @@ void storm_section() {
     run_result result = drive(
         128, 1000, 100, good, [&](const RadarScene::Frame& f) { p.sink->push(0, f); },
         [&] { shutdown(good[0].fd, SHUT_RDWR); });
+    result.replaced = frames_replaced(bus);
     storming = false;
     for (auto& client : clients) {
         client.join();

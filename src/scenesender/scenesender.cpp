@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <malloc.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
@@ -21,6 +22,8 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
+// The socket's send timeout; the sender's own writes never wait on it.
+constexpr timeval SEND_TIMEOUT = {1, 0};
 constexpr size_t TRIM_AFTER_BYTES = 8 << 20;
 constexpr size_t OPTION_SETS = 32;
 
@@ -211,6 +214,11 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
     }
     unique_fd own_end(fds[0]);
     unique_fd peer_end(fds[1]);
+    if (setsockopt(own_end.get(), SOL_SOCKET, SO_SNDTIMEO, &SEND_TIMEOUT, sizeof(SEND_TIMEOUT)) <
+        0) {
+        log_error("Failed to set socket timeout: %s", strerror(errno));
+        return -1;
+    }
     session->subscribed_usec = realtime_usec();
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);

@@ -24,12 +24,12 @@ void post(sem_t& semaphore) {
 }
 
 // Posts a frame's wake-up, and pokes the worker when it is polling sockets.
-// The fences pair with those in wait_frame_or_sockets: either the worker
-// sees the post, or this sees it polling.
+// Both sides reach `polling` through read-modify-writes, which take turns on
+// it: either the worker's raise comes first and this sees it, or this
+// comes first and the worker's then sees the post.
 void wake(scene_sink_t& sink) {
     post(sink.frame_ready);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    if (sink.polling.load(std::memory_order_relaxed)) {
+    if (sink.polling.fetch_or(0, std::memory_order_acq_rel)) {
         eventfd_write(sink.wakeup.get(), 1);
     }
 }
@@ -40,8 +40,7 @@ bool wait_frame_or_sockets(scene_sink_t& sink, std::vector<pollfd>& polls, int t
     if (sem_trywait(&sink.frame_ready) == 0) {
         return true;
     }
-    sink.polling.store(true, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    sink.polling.exchange(1, std::memory_order_acq_rel);
     bool frame = sem_trywait(&sink.frame_ready) == 0;
     if (!frame) {
         polls.push_back({sink.wakeup.get(), POLLIN, 0});
@@ -53,7 +52,7 @@ bool wait_frame_or_sockets(scene_sink_t& sink, std::vector<pollfd>& polls, int t
         polls.pop_back();
         frame = sem_trywait(&sink.frame_ready) == 0;
     }
-    sink.polling.store(false, std::memory_order_relaxed);
+    sink.polling.store(0, std::memory_order_relaxed);
     return frame;
 }
 

@@ -53,7 +53,7 @@ struct scene_sink_t {
     std::mutex frame_mutex;  // guards the two slots
     std::unique_ptr<scene_handoff_t> pending;
     std::unique_ptr<scene_handoff_t> spare;
-    std::atomic<bool> polling{false};
+    std::atomic<unsigned> polling{0};
     unique_fd wakeup;  // an eventfd
 };
 
