@@ -30,8 +30,10 @@ WebSocket protocol on the same port for other viewers.
 
       --channel N        radar channel (default 0)
       --wait S           wait up to S seconds for the provider to appear
-      --listen ADDR:PORT where to serve (default 127.0.0.1:8765; port 0 picks
-                         a free one)
+      --listen ADDR:PORT where to serve: an IPv4 or IPv6 address ([ADDR] for
+                         IPv6) or a name that resolves (default 127.0.0.1:8765;
+                         port 0 picks a free one); beyond the loopback address
+                         anyone who reaches it sees the radar
       --max-clients N    viewers served at once (default 16)
       --web-root DIR     the page's files (default )" RADARSCENE_VIEW_WEB_ROOT R"()
   -h, --help             show this text and exit
@@ -70,6 +72,11 @@ options_t parse_options(int argc, char** argv) {
                     tool_fail("--listen needs ADDRESS:PORT, not '%s'", value);
                 }
                 options.server.address.assign(value, static_cast<size_t>(colon - value));
+                if (options.server.address.size() > 2 && options.server.address.front() == '[' &&
+                    options.server.address.back() == ']') {
+                    options.server.address =
+                        options.server.address.substr(1, options.server.address.size() - 2);
+                }
                 options.server.port =
                     static_cast<int>(tool_integer(colon + 1, "--listen", 0, 65535));
                 break;
@@ -121,7 +128,7 @@ void show(ViewServer& server, const std::string& payload, const class_names_t& n
         server.publish(SCENE_UPDATE, stamp, scene_update_json(scene, names, stamp));
     }
     if (server.wanted(LOCATION)) {
-        if (auto fix = location_fix_json(scene, stamp)) {
+        if (auto fix = location_fix_json(stamp)) {
             server.publish(LOCATION, stamp, *fix);
         }
     }
@@ -177,8 +184,9 @@ void follow(ViewServer& server, sd_bus* bus, int channel,
 int run(const options_t& options) {
     int stop_fd = tool_stop_signals();
     ViewServer server(options.server, channels(options.channel));
-    fprintf(stderr, "radarscene-view: serving http://%s:%d/\n", options.server.address.c_str(),
-            server.port());
+    bool ipv6 = server.address().find(':') != std::string::npos;
+    fprintf(stderr, "radarscene-view: serving http://%s%s%s:%d/\n", ipv6 ? "[" : "",
+            server.address().c_str(), ipv6 ? "]" : "", server.port());
     // The first subscription is made here, so that its failure ends the tool
     // before any other thread runs; the bus then belongs to the subscriber.
     sd_bus* bus = tool_system_bus();
