@@ -11,6 +11,7 @@
 #include <radarscene/RadarScene.h>
 #include <radarscene/scene.pb.h>
 
+#include <limits.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -35,7 +36,8 @@ WebSocket protocol on the same port for other viewers.
                          port 0 picks a free one); beyond the loopback address
                          anyone who reaches it sees the radar
       --max-clients N    viewers served at once (default 16)
-      --web-root DIR     the page's files (default )" RADARSCENE_VIEW_WEB_ROOT R"()
+      --web-root DIR     the page's files (default: )" RADARSCENE_VIEW_WEB_ROOT R"( from
+                         the folder that holds radarscene-view)
   -h, --help             show this text and exit
       --version          show the version and exit
 )";
@@ -48,6 +50,14 @@ struct options_t {
     view_server_options_t server;
 };
 
+// The page's files as installed, found from the program's own folder.
+std::string installed_web_root() {
+    char path[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    std::string program(path, n > 0 ? static_cast<size_t>(n) : 0);
+    return program.substr(0, program.rfind('/') + 1) + RADARSCENE_VIEW_WEB_ROOT;
+}
+
 options_t parse_options(int argc, char** argv) {
     enum { CHANNEL = 1, WAIT, LISTEN, MAX_CLIENTS, WEB_ROOT };
     static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
@@ -57,7 +67,7 @@ options_t parse_options(int argc, char** argv) {
                                           {"web-root", required_argument, nullptr, WEB_ROOT},
                                           {nullptr, 0, nullptr, 0}};
     options_t options;
-    options.server.web_root = RADARSCENE_VIEW_WEB_ROOT;
+    options.server.web_root = installed_web_root();
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
             case CHANNEL:
