@@ -29,7 +29,7 @@ class Viewer:
     server's frames in, fragments joined."""
 
     def __init__(self, port, protocol=PROTOCOL, rcvbuf=None, host="127.0.0.1"):
-        self.sock = socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET)
+        self.sock = socket.socket()
         if rcvbuf:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
         self.sock.settimeout(10)

@@ -11,6 +11,9 @@ tools=$build/tools
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$here/testlib.sh"
 start_private_bus "$2"
+# Sizes are read while the view runs: a sanitizer's quarantine must not
+# stand in for what the view keeps.
+export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4
 guard() { /usr/bin/python3 "$here/view_guard.py" "$@"; }
 
 # Starts the view with the options given; sets $view and $port.
@@ -32,6 +35,7 @@ listening() { ss -tlnH "sport = :$port" | awk '{print $4}' | sort | tr '\n' ' ';
 # an address that cannot be used.
 for address in 127.0.0.1 '[::1]' localhost; do
     start_view --listen "$address:0"
+    for _ in $(seq 50); do [[ -n $(listening) ]] && break; sleep 0.1; done
     expected=$(sed -n 's|.*serving http://\(.*\)/$|\1|p' "$work/view.log")
     [[ $(listening) == "$expected " && $expected != *'*'* ]] ||
         fail "--listen $address: listening on $(listening), serving $expected"
@@ -54,9 +58,10 @@ cat "$work/flood.log" "$work/hoard.log"
 
 # Providers that live a moment each, killed at any point of their start:
 # the view and a reconnecting subscriber wait for the next one every time.
-"$tools/radarscene-sub" --reconnect --wait 10 >/dev/null 2>"$work/sub.log" &
+"$tools/radarscene-sub" --reconnect --wait 60 >"$work/sub.json" 2>"$work/sub.log" &
 subscriber=$!
 pids+=($subscriber)
+for _ in $(seq 100); do [[ -s $work/sub.json ]] && break; sleep 0.1; done
 kill "$producer"
 wait "$producer" || true
 for _ in $(seq 60); do
@@ -90,6 +95,7 @@ kill "$geosim" "$producer"
 "$tools/radarscene-replay" --loop --rate 50 "$work/geo.rec" 2>/dev/null &
 pids+=($!)
 start_view --listen 127.0.0.1:0
+: >"$work/location.log"
 guard location "$port" >"$work/location.log" &
 client=$!
 for _ in $(seq 200); do grep -q "no fix" "$work/location.log" && break; sleep 0.05; done
