@@ -58,7 +58,9 @@ class Viewer:
         self.close_reason = ""
         self.channels = None
 
-    def send(self, opcode, payload):
+    @staticmethod
+    def framed(opcode, payload):
+        """A whole masked frame, as a client sends it."""
         mask = os.urandom(4)
         n = len(payload)
         head = bytes([0x80 | opcode])
@@ -69,8 +71,10 @@ class Viewer:
         else:
             head += bytes([0x80 | 127]) + struct.pack(">Q", n)
         key = int.from_bytes((mask * (n // 4 + 1))[:n], "big")
-        masked = (int.from_bytes(payload, "big") ^ key).to_bytes(n, "big")
-        self.sock.sendall(head + mask + masked)
+        return head + mask + (int.from_bytes(payload, "big") ^ key).to_bytes(n, "big")
+
+    def send(self, opcode, payload):
+        self.sock.sendall(self.framed(opcode, payload))
 
     def request(self, message):
         self.send(1, json.dumps(message).encode())
@@ -197,12 +201,15 @@ def flood(port, pid, requests):
     v.close()
     start = proc(pid, "VmRSS")
     v = Viewer(port, rcvbuf=4096)
-    small = json.dumps({"op": "unsubscribe", "subscriptionIds": [0]})
+    small = Viewer.framed(1, json.dumps({"op": "unsubscribe", "subscriptionIds": [0]}).encode()) * 100
     sent = 0
     try:
         while sent < requests + 200_000:
-            v.send(1, (ids if sent < requests else small).encode())
-            sent += 1
+            if sent < requests:
+                v.send(1, ids.encode())
+            else:
+                v.sock.sendall(small)
+            sent += 1 if sent < requests else 100
             if sent % 100 == 0 and proc(pid, "VmRSS") - start > 64 * 1024:
                 fail(f"resident size grew from {start} to {proc(pid, 'VmRSS')} KiB after {sent} requests")
         fail("a viewer that never reads its answers stays connected")
