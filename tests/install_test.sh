@@ -33,6 +33,21 @@ c++ -std=c++17 "$src/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib
     -o "$work/pkg-consumer"
 [[ $("$work/pkg-consumer") == "time 42, object 7 at 10 m" ]] || fail "pkg-config consumer"
 
+# The installed view serves its page from the installed share folder, with
+# no path given.
+start_private_bus "$src/tools/private-bus.conf.in"
+LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+    "$prefix/bin/radarscene-demo-producer" 2>/dev/null &
+pids+=($!)
+LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+    "$prefix/bin/radarscene-view" --wait 10 --listen 127.0.0.1:0 2>"$work/view.log" &
+pids+=($!)
+for _ in $(seq 100); do grep -q serving "$work/view.log" && break; sleep 0.1; done
+port=$(sed -n 's|.*serving http://127.0.0.1:\([0-9]*\)/$|\1|p' "$work/view.log")
+/usr/bin/python3 -c 'import sys, urllib.request; print(urllib.request.urlopen(sys.argv[1], timeout=20).read().decode())' \
+    "http://127.0.0.1:$port/" >"$work/page.html" || fail "the installed view's page: $(cat "$work/view.log")"
+grep -q "<title>radarscene view</title>" "$work/page.html" || fail "the installed view's page"
+
 if [[ $(id -u) -ne 0 ]]; then
     echo "SKIPPED: the system bus check needs root to run a client as another user"
     exit 77

@@ -11,6 +11,14 @@ namespace {
 
 constexpr uint64_t CLASS_QUERY_TIMEOUT_USEC = 500'000;
 
+// Whether the call found no provider: its name has no owner, or the owner
+// left the bus before it answered (a provider that stops while starting).
+bool provider_absent(const sd_bus_error& error) {
+    return sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN) ||
+           sd_bus_error_has_name(&error, SD_BUS_ERROR_NAME_HAS_NO_OWNER) ||
+           sd_bus_error_has_name(&error, SD_BUS_ERROR_NO_REPLY);
+}
+
 }  // namespace
 
 std::optional<tool_subscription_t> tool_subscribe(sd_bus* bus, int channel,
@@ -45,10 +53,11 @@ std::optional<tool_subscription_t> tool_subscribe(sd_bus* bus, int channel,
             }
             return subscription;
         }
-        bool absent = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN);
+        bool absent = provider_absent(error);
         if (!absent || (wait >= 0 && tool_monotonic_ns() >= until)) {
-            std::string message =
-                absent ? "no radar scene provider on the system bus" : tool_bus_error(error, r);
+            std::string message = sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN)
+                                      ? "no radar scene provider on the system bus"
+                                      : tool_bus_error(error, r);
             sd_bus_error_free(&error);
             tool_fail("%s", message.c_str());
         }

@@ -16,7 +16,7 @@ function open() {
   ws.binaries = 0;
   ws.closed = false;
   ws.on("message", (data, binary) => (binary ? ws.binaries++ : ws.texts.push(JSON.parse(data))));
-  ws.on("close", () => (ws.closed = true));
+  ws.on("close", (code) => ((ws.closed = true), (ws.closeCode = code)));
   ws.on("error", () => {});
   return ws;
 }
@@ -48,22 +48,29 @@ for (const [name, send, expected] of [
 a.send("x".repeat(100_000));
 result.oversized = (await until(() => a.closed)) && !!statusOf(a, "message too large");
 
-// Many at once: up to the limit get the server's info, the rest a refusal.
-const many = Array.from({ length: 200 }, open);
-await until(() => many.every((ws) => ws.texts.length > 0 || ws.closed), 10000);
-result.served = many.filter((ws) => ws.texts.some((m) => m.op === "serverInfo")).length;
-result.refused = many.filter((ws) => statusOf(ws, "too many viewers")).length;
-many.forEach((ws) => ws.terminate());
+// Many at once: viewers up to the limit that subscribe are served, the
+// rest refused with a close frame that says why.
+const subscribe = (ws) => {
+  const id = channelOf(ws, "foxglove.SceneUpdate");
+  ws.send(JSON.stringify({ op: "subscribe", subscriptions: [{ id: 7, channelId: id }] }));
+};
+const busy = Array.from({ length: maxClients }, open);
+await until(() => busy.every((ws) => ws.texts.some((m) => m.op === "advertise")));
+busy.forEach(subscribe);
+await until(() => busy.every((ws) => ws.binaries > 0), 10000);
+const many = Array.from({ length: 200 - maxClients }, open);
+await until(() => many.every((ws) => ws.closed), 10000);
+result.served = busy.filter((ws) => !ws.closed && ws.binaries > 0).length;
+result.refused = many.filter((ws) => statusOf(ws, "too many viewers") && ws.closeCode === 1008)
+  .length;
+[...busy, ...many].forEach((ws) => ws.terminate());
 await sleep(300);
 
 // A viewer that stops reading is cut off; the other one goes on receiving.
 const stalled = open();
 const reader = open();
 await until(() => stalled.texts.length > 1 && reader.texts.length > 1);
-for (const ws of [stalled, reader]) {
-  const id = channelOf(ws, "foxglove.SceneUpdate");
-  ws.send(JSON.stringify({ op: "subscribe", subscriptions: [{ id: 7, channelId: id }] }));
-}
+[stalled, reader].forEach(subscribe);
 await until(() => stalled.binaries > 0);
 stalled._socket.pause();
 const before = reader.binaries;

@@ -75,54 +75,60 @@ std::string foxglove_message_data(uint32_t subscription, uint64_t timestamp_ns,
     return frame;
 }
 
-std::vector<std::string> FoxgloveSession::handleText(std::string_view text,
-                                                     const std::set<uint32_t>& channels) {
-    std::vector<std::string> replies;
-    auto error = [&](const std::string& message) {
-        replies.push_back(foxglove_status(FOXGLOVE_ERROR, message));
-    };
+std::optional<std::string> FoxgloveSession::handleText(std::string_view text,
+                                                       const std::set<uint32_t>& channels) {
     json request = json::parse(text, nullptr, false);
     if (request.is_discarded() || !request.is_object()) {
-        error("malformed JSON");
-        return replies;
+        return foxglove_status(FOXGLOVE_ERROR, "malformed JSON");
     }
     const json& op = request["op"];
     if (!op.is_string()) {
-        error("a request needs an \"op\"");
-        return replies;
+        return foxglove_status(FOXGLOVE_ERROR, "a request needs an \"op\"");
     }
+    // The first problem of a request, cut short, and how many more it had.
+    std::string problem;
+    size_t more = 0;
+    auto note = [&](const std::string& message) {
+        problem.empty() ? void(problem = message.substr(0, 200)) : void(++more);
+    };
+    foxglove_status_level_t level = FOXGLOVE_ERROR;
     if (op == "subscribe" && request["subscriptions"].is_array()) {
         for (const json& s : request["subscriptions"]) {
             if (!s.is_object() || !is_id(s["id"]) || !is_id(s["channelId"])) {
-                error("a subscription needs an \"id\" and a \"channelId\"");
+                note("a subscription needs an \"id\" and a \"channelId\"");
                 continue;
             }
             auto id = s["id"].get<uint32_t>();
             auto channel = s["channelId"].get<uint32_t>();
             if (!channels.count(channel)) {
-                error("channel " + std::to_string(channel) + " does not exist");
+                note("channel " + std::to_string(channel) + " does not exist");
             } else if (subscriptions_.count(id)) {
-                error("subscription " + std::to_string(id) + " is already in use");
+                note("subscription " + std::to_string(id) + " is already in use");
             } else if (subscriptions_.size() >= MAX_SUBSCRIPTIONS) {
-                error("too many subscriptions");
+                note("too many subscriptions");
             } else {
                 subscriptions_[id] = channel;
             }
         }
     } else if (op == "unsubscribe" && request["subscriptionIds"].is_array()) {
+        level = FOXGLOVE_WARNING;
         for (const json& id : request["subscriptionIds"]) {
             if (!is_id(id) || !subscriptions_.erase(id.get<uint32_t>())) {
-                replies.push_back(foxglove_status(
-                    FOXGLOVE_WARNING,
-                    "no subscription " + id.dump(-1, ' ', false, json::error_handler_t::replace)));
+                note("no subscription " + id.dump(-1, ' ', false, json::error_handler_t::replace));
             }
         }
     } else if (op == "subscribe" || op == "unsubscribe") {
-        error("malformed \"" + op.get<std::string>() + "\" request");
+        note("malformed \"" + op.get<std::string>() + "\" request");
     } else {
-        error("unsupported operation \"" + op.get<std::string>() + "\"");
+        note("unsupported operation \"" + op.get<std::string>() + "\"");
     }
-    return replies;
+    if (problem.empty()) {
+        return std::nullopt;
+    }
+    if (more) {
+        problem += " (and " + std::to_string(more) + " more in the same request)";
+    }
+    return foxglove_status(level, problem);
 }
 
 std::vector<uint32_t> FoxgloveSession::subscriptionsOf(uint32_t channel) const {

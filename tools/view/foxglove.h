@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -39,12 +40,15 @@ class FoxgloveSession {
 public:
     static constexpr size_t MAX_SUBSCRIPTIONS = 64;
 
-    // Applies a text frame; returns the status messages that answer what
-    // was wrong with it (none when all was right).
-    std::vector<std::string> handleText(std::string_view text, const std::set<uint32_t>& channels);
+    // Applies a text frame; returns the one status message that answers
+    // what was wrong with it, however many ids it names (none when all was
+    // right).
+    std::optional<std::string> handleText(std::string_view text,
+                                          const std::set<uint32_t>& channels);
     // The client's subscription ids for `channel`.
     std::vector<uint32_t> subscriptionsOf(uint32_t channel) const;
     bool subscribed(uint32_t channel) const { return !subscriptionsOf(channel).empty(); }
+    bool empty() const { return subscriptions_.empty(); }
 
 private:
     std::map<uint32_t, uint32_t> subscriptions_;  // subscription id -> channel id

@@ -11,6 +11,7 @@
 #include <radarscene/RadarScene.h>
 #include <radarscene/scene.pb.h>
 
+#include <limits.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -30,10 +31,13 @@ WebSocket protocol on the same port for other viewers.
 
       --channel N        radar channel (default 0)
       --wait S           wait up to S seconds for the provider to appear
-      --listen ADDR:PORT where to serve (default 127.0.0.1:8765; port 0 picks
-                         a free one)
+      --listen ADDR:PORT where to serve: an IPv4 or IPv6 address ([ADDR] for
+                         IPv6) or a name that resolves (default 127.0.0.1:8765;
+                         port 0 picks a free one); beyond the loopback address
+                         anyone who reaches it sees the radar
       --max-clients N    viewers served at once (default 16)
-      --web-root DIR     the page's files (default )" RADARSCENE_VIEW_WEB_ROOT R"()
+      --web-root DIR     the page's files (default: )" RADARSCENE_VIEW_WEB_ROOT R"( from
+                         the folder that holds radarscene-view)
   -h, --help             show this text and exit
       --version          show the version and exit
 )";
@@ -46,6 +50,14 @@ struct options_t {
     view_server_options_t server;
 };
 
+// The page's files as installed, found from the program's own folder.
+std::string installed_web_root() {
+    char path[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+    std::string program(path, n > 0 ? static_cast<size_t>(n) : 0);
+    return program.substr(0, program.rfind('/') + 1) + RADARSCENE_VIEW_WEB_ROOT;
+}
+
 options_t parse_options(int argc, char** argv) {
     enum { CHANNEL = 1, WAIT, LISTEN, MAX_CLIENTS, WEB_ROOT };
     static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
@@ -55,7 +67,7 @@ options_t parse_options(int argc, char** argv) {
                                           {"web-root", required_argument, nullptr, WEB_ROOT},
                                           {nullptr, 0, nullptr, 0}};
     options_t options;
-    options.server.web_root = RADARSCENE_VIEW_WEB_ROOT;
+    options.server.web_root = installed_web_root();
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
             case CHANNEL:
@@ -70,6 +82,11 @@ options_t parse_options(int argc, char** argv) {
                     tool_fail("--listen needs ADDRESS:PORT, not '%s'", value);
                 }
                 options.server.address.assign(value, static_cast<size_t>(colon - value));
+                if (options.server.address.size() > 2 && options.server.address.front() == '[' &&
+                    options.server.address.back() == ']') {
+                    options.server.address =
+                        options.server.address.substr(1, options.server.address.size() - 2);
+                }
                 options.server.port =
                     static_cast<int>(tool_integer(colon + 1, "--listen", 0, 65535));
                 break;
@@ -121,7 +138,7 @@ void show(ViewServer& server, const std::string& payload, const class_names_t& n
         server.publish(SCENE_UPDATE, stamp, scene_update_json(scene, names, stamp));
     }
     if (server.wanted(LOCATION)) {
-        if (auto fix = location_fix_json(scene, stamp)) {
+        if (auto fix = location_fix_json(stamp)) {
             server.publish(LOCATION, stamp, *fix);
         }
     }
@@ -177,8 +194,9 @@ void follow(ViewServer& server, sd_bus* bus, int channel,
 int run(const options_t& options) {
     int stop_fd = tool_stop_signals();
     ViewServer server(options.server, channels(options.channel));
-    fprintf(stderr, "radarscene-view: serving http://%s:%d/\n", options.server.address.c_str(),
-            server.port());
+    bool ipv6 = server.address().find(':') != std::string::npos;
+    fprintf(stderr, "radarscene-view: serving http://%s%s%s:%d/\n", ipv6 ? "[" : "",
+            server.address().c_str(), ipv6 ? "]" : "", server.port());
     // The first subscription is made here, so that its failure ends the tool
     // before any other thread runs; the bus then belongs to the subscriber.
     sd_bus* bus = tool_system_bus();

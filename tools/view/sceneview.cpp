@@ -190,20 +190,22 @@ std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t&
     return json{{"time", scene.time()}, {"delay_ms", delay_ms}, {"objects", objects}}.dump();
 }
 
-std::optional<std::string> location_fix_json(const RadarScene::Scene& scene, uint64_t stamp_ns) {
-    bool known = false;
-    for (const RadarScene::Object& o : scene.objects()) {
-        known = known || o.has_geoposition();
-    }
-    if (!known) {
-        return std::nullopt;
-    }
-    // The device stands where an object at no distance would be.
+std::optional<std::string> location_fix_json(uint64_t stamp_ns) {
+    // The device stands where an object at no distance would be; a scene
+    // gives an object a geographic position only from a valid device
+    // position.
     RadarScene::Frame device;
     RadarScene::FrameObject here;
     here.set_position({0, 0, 0});
     device.objects = {here};
-    RadarScene::addGeoLocation(device);
+    RadarScene::SerializeFrameOptions geolocation;
+    geolocation.geolocation = true;
+    std::string bytes;
+    RadarScene::serializeFrame(bytes, device, geolocation);
+    device = RadarScene::deserializeFrame(bytes);
+    if (device.objects.empty() || !device.objects[0].has_geoposition()) {
+        return std::nullopt;
+    }
     const auto& g = device.objects[0].geoposition;
     return json{{"timestamp", time_of(stamp_ns)},
                 {"frame_id", RADAR_FRAME},

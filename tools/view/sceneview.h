@@ -26,8 +26,8 @@ std::string scene_update_json(const RadarScene::Scene& scene, const class_names_
 // `delay_ms` is the time from the producer's push to reception.
 std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t& names,
                             double delay_ms);
-// The device's position, when the scene's objects show that it is known.
-std::optional<std::string> location_fix_json(const RadarScene::Scene& scene, uint64_t stamp_ns);
+// The device's position, while the geolocation service reports it valid.
+std::optional<std::string> location_fix_json(uint64_t stamp_ns);
 
 // The JSON schemas that the channels advertise.
 extern const char* const SCENE_UPDATE_SCHEMA;

@@ -1,10 +1,13 @@
 #pragma once
 
-// The viewer's server on libwebsockets, on one port: the page's files at
-// "/", and the Foxglove WebSocket protocol for the page and for other
-// viewers. Per viewer only the newest message of each subscription waits to
-// be sent, so a slow viewer never slows the others or the radar; a viewer
-// that takes nothing for a few seconds is disconnected.
+// The viewer's server on libwebsockets, on one address and port: the page's
+// files at "/", and the Foxglove WebSocket protocol for the page and for
+// other viewers. Per viewer only the newest message of each subscription and
+// a bounded queue of answers wait to be sent, so a slow viewer never slows
+// the others or the radar; a viewer that takes nothing for a few seconds, or
+// lets its answers pile up, is disconnected. Connections are capped well
+// below the descriptor limit, and those that do not become viewers of this
+// protocol within a few seconds are closed.
 
 #include "foxglove.h"
 
@@ -21,21 +24,24 @@ struct lws_context;
 struct lws_http_mount;
 
 struct view_server_options_t {
-    std::string address = "127.0.0.1";
-    int port = 8765;  // 0 for any free port
+    std::string address = "127.0.0.1";  // a literal or a name that resolves
+    int port = 8765;                    // 0 for any free port
     std::string web_root;
     size_t max_clients = 16;
 };
 
 class ViewServer {
 public:
-    // Listens at once; throws std::runtime_error when it cannot.
+    // Listens at once; throws std::runtime_error naming the address when it
+    // cannot.
     ViewServer(const view_server_options_t& options, std::vector<foxglove_channel_t> channels);
     ~ViewServer();
     ViewServer(const ViewServer&) = delete;
     ViewServer& operator=(const ViewServer&) = delete;
 
     int port() const { return port_; }
+    // The address listened on, as a numeric literal.
+    const std::string& address() const { return address_; }
     // Any thread: the newest message of a channel, for its subscribers.
     void publish(uint32_t channel, uint64_t timestamp_ns, std::string payload);
     // Any thread: a status message for every viewer.
@@ -51,15 +57,21 @@ public:
 
 private:
     void deliver();
+    void admit(viewer_t& viewer);
+    void receive(viewer_t& viewer, const char* in, size_t len);
+    int write(viewer_t& viewer);
     void updateWanted();
 
     view_server_options_t options_;
     std::vector<foxglove_channel_t> channels_;
     std::vector<uint32_t> channel_ids_;
     std::unique_ptr<lws_http_mount> mount_;  // the page's files, for the context's lifetime
+    std::vector<unsigned char> scratch_;     // a fragment being written, with the room before it
     lws_context* context_ = nullptr;
+    std::string address_;
     int port_ = 0;
     std::map<lws*, std::unique_ptr<viewer_t>> viewers_;  // the service thread's own
+    uint64_t serial_ = 0;                                // of the last viewer
     std::atomic<bool> stopping_{false};
     std::map<uint32_t, std::atomic<bool>> wanted_;
 
