@@ -36,11 +36,9 @@ c++ -std=c++17 "$src/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib
 # The installed view serves its page from the installed share folder, with
 # no path given.
 start_private_bus "$src/tools/private-bus.conf.in"
-LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
-    "$prefix/bin/radarscene-demo-producer" 2>/dev/null &
+"$prefix/bin/radarscene-demo-producer" 2>/dev/null &
 pids+=($!)
-LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
-    "$prefix/bin/radarscene-view" --wait 10 --listen 127.0.0.1:0 2>"$work/view.log" &
+"$prefix/bin/radarscene-view" --wait 10 --listen 127.0.0.1:0 2>"$work/view.log" &
 pids+=($!)
 for _ in $(seq 100); do grep -q serving "$work/view.log" && break; sleep 0.1; done
 port=$(sed -n 's|.*serving http://127.0.0.1:\([0-9]*\)/$|\1|p' "$work/view.log")
