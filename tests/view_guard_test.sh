@@ -92,6 +92,7 @@ pids+=($producer)
     2>/dev/null
 (($(grep -c geoposition "$work/geo.json") >= 20)) || fail "scenes without geographic positions"
 kill "$geosim" "$producer"
+wait "$geosim" "$producer" || true
 "$tools/radarscene-replay" --loop --rate 50 "$work/geo.rec" 2>/dev/null &
 pids+=($!)
 start_view --listen 127.0.0.1:0
@@ -99,9 +100,9 @@ start_view --listen 127.0.0.1:0
 guard location "$port" >"$work/location.log" &
 client=$!
 for _ in $(seq 200); do grep -q "no fix" "$work/location.log" && break; sleep 0.05; done
-grep -q "no fix" "$work/location.log" || fail "location: $(cat "$work/location.log")"
+grep -q "no fix" "$work/location.log" || fail "location: $(cat "$work/location.log" "$work/view.log")"
 "$tools/radarscene-geosim" --lat 10 --lon 20 2>/dev/null &
 pids+=($!)
-wait "$client" || fail "location: $(cat "$work/location.log")"
+wait "$client" || fail "location: $(cat "$work/location.log" "$work/view.log")"
 stop_view
 echo "view guard: all checks passed"
