@@ -150,6 +150,7 @@ TEST_F(SceneSink, SmallAndLargeFramesArriveAsSerialized) {
     small.objects.resize(10);
     RadarScene::Frame fewer = small;
     fewer.objects.resize(3);
+    fewer.objects[0].id = 4000;  // differs from the objects whose storage it reuses
     fewer.status.reset();
     fewer.param_changed.reset();
     RadarScene::SerializeFrameOptions options;
