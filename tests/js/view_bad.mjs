@@ -75,7 +75,7 @@ await until(() => stalled.binaries > 0);
 stalled._socket.pause();
 const before = reader.binaries;
 // A paused socket does not see its end: look once the server had its time.
-await sleep(6000);
+await sleep(8000);
 stalled._socket.resume();
 result.stalledClosed = await until(() => stalled.closed, 5000);
 result.readerReceived = reader.binaries - before;

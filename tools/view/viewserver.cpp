@@ -25,6 +25,8 @@ constexpr size_t MAX_QUEUED_TEXT = 256 * 1024;
 // Messages go out in fragments that a writable socket takes whole: the
 // library answers a viewer's close only when it holds no part of a frame.
 constexpr size_t FRAGMENT = 8 * 1024;
+// The kernel's send buffer of a viewer's socket: room for a few scenes.
+constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
 // How long a connection may take to become a viewer, and how many
 // connections (pages, upgrades) there may be per viewer allowed.
 constexpr unsigned HANDSHAKE_TIMEOUT_S = 5;
@@ -401,6 +403,11 @@ int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len)
     viewer_t* viewer = slot ? *slot : nullptr;
     switch (reason) {
         case LWS_CALLBACK_ESTABLISHED: {
+            // The kernel would otherwise queue megabytes of old scenes for a
+            // viewer that falls behind before the server sees it stall.
+            int send_buffer = VIEWER_SEND_BUFFER;
+            setsockopt(lws_get_socket_fd(wsi), SOL_SOCKET, SO_SNDBUF, &send_buffer,
+                       sizeof send_buffer);
             auto created = std::make_unique<viewer_t>();
             created->wsi = wsi;
             created->serial = ++serial_;
