@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """A small MCAP writer and reader written from the format's public
-specification, to check the tools against files of every layout the format
+documentation, to check the tools against files of every layout the format
 allows and against files whose lengths, counts and indexes lie.
 
   mcapfile.py write OUT [options]   writes scenes 0.1 s apart

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # MCAP recordings of the installed tools against the format's own JavaScript
 # library (@mcap/core, run by node) and against mcapfile.py, written here
-# from the format's specification: radarscene-sub's recordings read and
+# from the format's public documentation: radarscene-sub's recordings read and
 # checked by both, one cut off by SIGKILL, and files of every layout and
 # with lying lengths, counts and indexes replayed by radarscene-replay in
 # bounded memory.
