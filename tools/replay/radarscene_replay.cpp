@@ -20,14 +20,16 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
 constexpr const char* USAGE = R"(Usage: radarscene-replay [OPTION]... FILE
 Serves a radar scene provider on the system bus and pushes the scenes of
 FILE, a recording made with radarscene-sub --record, at the recorded rate.
-FILE may be an MCAP recording (told by its first bytes) with RadarScene.Scene
-messages, read as a stream; messages of other schemas are skipped and counted.
+FILE may be an MCAP recording (told by its first bytes): one channel of its
+RadarScene.Scene messages is pushed in log-time order, whatever the order of
+its chunks; other channels and damaged records are skipped and counted.
 
       --rate HZ        push at HZ scenes per second instead
       --loop           start again at the end of the recording
@@ -35,35 +37,61 @@ messages, read as a stream; messages of other schemas are skipped and counted.
       --class ID=NAME  declare an object class (repeatable; default 1=Human, 2=Vehicle)
       --channel N      the radar channel to serve and, in an MCAP recording, to
                        replay (default: the recording's first, else 0)
+      --topic TOPIC    MCAP: replay the scene channel with this topic (served as
+                       its radar channel, or --channel N)
       --start S        MCAP: begin S seconds after the recording's start
       --end S          MCAP: stop S seconds after the recording's start
+      --max-gap S      wait at most S seconds between scenes (default: as recorded)
+      --max-open-chunks N
+                       MCAP: chunks overlapping in log time read at once (default 4)
+      --list           print each scene's log time and own time, in the order
+                       they would be pushed, instead of serving them
   -h, --help           show this text and exit
       --version        show the version and exit
 )";
 
-constexpr uint64_t LONGEST_PAUSE_NS = 5'000'000'000;
-
 struct options_t {
     int channel = -1;
+    std::string topic;
     double start = 0;
     double end = -1;
+    double max_gap = -1;
+    size_t max_open_chunks = 4;
     double rate = 0;
     bool loop = false;
+    bool list = false;
     double delay = 0;
     std::map<int, std::string> classes;
     std::string file;
 };
 
 options_t parse_options(int argc, char** argv) {
-    enum { RATE = 1, LOOP, DELAY, CLASS, CHANNEL, START, END };
-    static const option long_options[] = {{"rate", required_argument, nullptr, RATE},
-                                          {"loop", no_argument, nullptr, LOOP},
-                                          {"delay", required_argument, nullptr, DELAY},
-                                          {"class", required_argument, nullptr, CLASS},
-                                          {"channel", required_argument, nullptr, CHANNEL},
-                                          {"start", required_argument, nullptr, START},
-                                          {"end", required_argument, nullptr, END},
-                                          {nullptr, 0, nullptr, 0}};
+    enum {
+        RATE = 1,
+        LOOP,
+        DELAY,
+        CLASS,
+        CHANNEL,
+        TOPIC,
+        START,
+        END,
+        MAX_GAP,
+        MAX_OPEN_CHUNKS,
+        LIST,
+    };
+    static const option long_options[] = {
+        {"rate", required_argument, nullptr, RATE},
+        {"loop", no_argument, nullptr, LOOP},
+        {"delay", required_argument, nullptr, DELAY},
+        {"class", required_argument, nullptr, CLASS},
+        {"channel", required_argument, nullptr, CHANNEL},
+        {"start", required_argument, nullptr, START},
+        {"end", required_argument, nullptr, END},
+        {"topic", required_argument, nullptr, TOPIC},
+        {"max-gap", required_argument, nullptr, MAX_GAP},
+        {"max-open-chunks", required_argument, nullptr, MAX_OPEN_CHUNKS},
+        {"list", no_argument, nullptr, LIST},
+        {nullptr, 0, nullptr, 0}};
     options_t options;
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
@@ -72,6 +100,9 @@ options_t parse_options(int argc, char** argv) {
                 break;
             case LOOP:
                 options.loop = true;
+                break;
+            case LIST:
+                options.list = true;
                 break;
             case DELAY:
                 options.delay = tool_number(value, "--delay", 0, 3600);
@@ -84,6 +115,19 @@ options_t parse_options(int argc, char** argv) {
                 break;
             case END:
                 options.end = tool_number(value, "--end", 0, 1e9);
+                break;
+            case TOPIC:
+                if (!*value) {
+                    tool_fail("--topic needs a topic");
+                }
+                options.topic = value;
+                break;
+            case MAX_GAP:
+                options.max_gap = tool_number(value, "--max-gap", 0, 1e9);
+                break;
+            case MAX_OPEN_CHUNKS:
+                options.max_open_chunks =
+                    static_cast<size_t>(tool_integer(value, "--max-open-chunks", 1, 1024));
                 break;
             case CLASS: {
                 const char* equals = strchr(value, '=');
@@ -117,7 +161,7 @@ struct replay {
     recorded_scene_t current{}, upcoming{};
     size_t pushed = 0;
     bool told = false;
-    size_t skipped = 0;  // in the first pass: later passes skip the same
+    std::vector<std::pair<std::string, uint64_t>> skips{};  // of the first pass
 
     // Nanoseconds to wait after the current scene, whose successor is
     // `upcoming` when `in_order`.
@@ -128,7 +172,9 @@ struct replay {
         if (!in_order || upcoming.time <= current.time) {
             return 0;
         }
-        return std::min(upcoming.time - current.time, LONGEST_PAUSE_NS);
+        uint64_t gap = upcoming.time - current.time;
+        return options->max_gap < 0 ? gap
+                                    : std::min(gap, static_cast<uint64_t>(options->max_gap * 1e9));
     }
 
     static int on_timer(sd_event_source* source, uint64_t usec, void* self) {
@@ -147,7 +193,7 @@ struct replay {
         if (!in_order) {
             if (!std::exchange(told, true)) {
                 recording->tell();
-                skipped = recording->skipped;
+                skips = recording->skips();
             }
             if (!options->loop) {
                 return sd_event_exit(sd_event_source_get_event(source), 0);
@@ -163,15 +209,52 @@ struct replay {
     }
 };
 
+// "pushed 10 scenes, skipped 3 (2 undecodable, 1 of other scene channels)"
+void say_summary(const char* done, size_t pushed,
+                 const std::vector<std::pair<std::string, uint64_t>>& skips) {
+    uint64_t skipped = 0;
+    std::string reasons;
+    for (const auto& [reason, count] : skips) {
+        skipped += count;
+        reasons += (reasons.empty() ? " (" : ", ") + std::to_string(count) + " " + reason;
+    }
+    fprintf(stderr, "radarscene-replay: %s %zu scenes, skipped %llu%s\n", done, pushed,
+            static_cast<unsigned long long>(skipped),
+            reasons.empty() ? "" : (reasons + ")").c_str());
+}
+
+// Prints the scenes that a replay would push, one line each: log time and
+// the scene's own time, in nanoseconds.
+int list(Recording& recording) {
+    recorded_scene_t scene;
+    RadarScene::Scene decoded;
+    size_t listed = 0;
+    while (recording.next(scene)) {
+        decoded.ParseFromString(scene.payload);
+        printf("%llu %llu\n", static_cast<unsigned long long>(scene.time),
+               static_cast<unsigned long long>(decoded.time()));
+        ++listed;
+    }
+    if (!listed) {
+        tool_fail("%s", recording.nothing().c_str());
+    }
+    recording.tell();
+    say_summary("listed", listed, recording.skips());
+    return fflush(stdout) == 0 ? 0 : 1;
+}
+
 int run(const options_t& options) {
-    std::unique_ptr<Recording> recording =
-        open_recording(options.file, {options.channel, options.start, options.end});
+    std::unique_ptr<Recording> recording = open_recording(
+        options.file,
+        {options.channel, options.topic, options.start, options.end, options.max_open_chunks});
+    if (options.list) {
+        return list(*recording);
+    }
     replay state{recording.get(), &options};
     if (!recording->next(state.current)) {
-        recording->tell();
         tool_fail("%s", recording->nothing().c_str());
     }
-    state.channel = options.channel >= 0 ? options.channel : recording->channel;
+    state.channel = recording->channel;
 
     sd_event_owner loop = tool_event_loop();
     sd_event* event = loop.get();
@@ -198,8 +281,9 @@ int run(const options_t& options) {
     sd_event_source_set_enabled(timer, SD_EVENT_ON);
     int r = sd_event_loop(event);
     sd_event_source_disable_unref(timer);
-    fprintf(stderr, "radarscene-replay: pushed %zu scenes, skipped %zu undecodable records\n",
-            state.pushed, state.told ? state.skipped : recording->skipped);
+    if (r == 0) {
+        say_summary("pushed", state.pushed, state.told ? state.skips : recording->skips());
+    }
     return r != 0 ? 1 : 0;
 }
 
