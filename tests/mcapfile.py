@@ -4,6 +4,8 @@ documentation, to check the tools against files of every layout the format
 allows and against files whose lengths, counts and indexes lie.
 
   mcapfile.py write OUT [options]   writes scenes 0.1 s apart
+  mcapfile.py layout OUT NAME       writes a layout that other writers make
+                                    (see LAYOUTS), scenes 20 ms apart
   mcapfile.py chunks FILE           prints per chunk: messages, first and
                                     last log time (checking each chunk's CRC)
 """
@@ -42,6 +44,75 @@ def scene(time, padding):
         if not n:
             break
     return b"\x08" + bytes(varint) + (b"\x7a" + bytes(pad) + padding if padding else b"")
+
+
+def chunk(records, compression="none"):
+    """A chunk of (channel, log time, data) messages and other records."""
+    body = b"".join(r if isinstance(r, bytes) else
+                    record(MESSAGE, struct.pack("<HIQQ", r[0], 0, r[1], r[1]) + r[2])
+                    for r in records)
+    times = [r[1] for r in records if not isinstance(r, bytes)]
+    data = compress(compression, body)
+    kind = b"" if compression == "none" else compression.encode()
+    return record(CHUNK, struct.pack("<QQQI", min(times), max(times), len(body), zlib.crc32(body)) +
+                  string(kind) + struct.pack("<Q", len(data)) + data)
+
+
+def definition(kind, id, name, encoding, ref=1, metadata=b""):
+    if kind == SCHEMA:
+        return record(SCHEMA, struct.pack("<H", id) + string(name) + string(encoding) + string(b""))
+    return record(CHANNEL, struct.pack("<HH", id, ref) + string(name) + string(encoding) +
+                  string(metadata))
+
+
+START = 1_700_000_000_000_000_000
+SCENES = definition(SCHEMA, 1, b"RadarScene.Scene", b"protobuf")
+
+
+def scenes(first, count, channel=1, base=0):
+    """Scenes first..first+count-1, 20 ms apart; each scene's time is base + its number."""
+    return [(channel, START + i * 20_000_000, scene(base + i, b"")) for i in range(first, first + count)]
+
+
+def radar(topic=b"/radar/0/scene", id=1, metadata=b""):
+    return definition(CHANNEL, id, topic, b"protobuf", 1, metadata)
+
+
+def bomb():
+    """A channel whose metadata holds 2.9 million three-byte keys."""
+    pairs = b"".join(string(i.to_bytes(3, "little")) + string(b"") for i in range(2_900_000))
+    return definition(CHANNEL, 2, b"/bomb", b"protobuf", 1, pairs)
+
+
+# What the data section holds: records, and lists of them that become chunks.
+LAYOUTS = {
+    "halves": lambda: [SCENES, radar(), chunk(scenes(50, 50)), chunk(scenes(0, 50))],
+    "per-channel": lambda: [
+        SCENES, radar(), definition(SCHEMA, 2, b"Note", b"jsonschema"),
+        definition(CHANNEL, 2, b"/notes", b"json", 2),
+        chunk([(2, START + 500_000_000 + i * 20_000_000, b"{}") for i in range(51)]),
+        chunk(scenes(0, 100))],
+    "overlap3": lambda: [SCENES, radar()] + [chunk(scenes(0, 100)[k::3]) for k in range(3)],
+    "unchunked-late": lambda: [SCENES, radar()] + [
+        record(MESSAGE, struct.pack("<HIQQ", c, 0, t, t) + d) for c, t, d in scenes(1, 99) + scenes(0, 1)],
+    "inner-definitions": lambda: [chunk([SCENES, radar()] + scenes(0, 50)), chunk(scenes(50, 50))],
+    "channels": lambda: [SCENES, radar(), radar(b"/debug/scene", 2),
+                         radar(b"/radar/0/scene_filtered", 3)] +
+    [chunk(sorted(scenes(i, 25) + scenes(i, 25, 2, 1000) + scenes(i, 25, 3, 2000),
+                  key=lambda m: m[1])) for i in range(0, 100, 25)],
+    "channel16": lambda: [SCENES, radar(b"/radar/16/scene"), chunk(scenes(0, 10))],
+    "channel99": lambda: [SCENES, radar(b"/scenes", 1, string(b"channel") + string(b"99")),
+                          chunk(scenes(0, 10))],
+    "bomb": lambda: [SCENES, radar(), bomb(), chunk(scenes(0, 10))],
+    "bomb-zstd": lambda: [SCENES, radar(), chunk([bomb()] + scenes(0, 10), "zstd")],
+}
+
+
+def layout(args):
+    out = MAGIC + record(HEADER, string(b"") + string(b"mcapfile.py"))
+    out += b"".join(LAYOUTS[args.name]()) + record(DATA_END, struct.pack("<I", 0))
+    out += struct.pack("<BQQQI", FOOTER, 20, 0, 0, 0) + MAGIC
+    open(args.out, "wb").write(out)
 
 
 def compress(kind, data):
@@ -91,6 +162,8 @@ def write(args):
                                          zlib.crc32(records)) +
                       string(compression) + struct.pack("<Q", len(data)) + data)
         length = len(out) - at
+        if len(chunk_indexes) + 1 == args.lying_length:
+            out[at + 1:at + 9] = struct.pack("<Q", 1 << 40)
         index_at = len(out)
         entries = b"".join(struct.pack("<QQ", t, o) for t, o in offsets)
         if args.lying_counts:
@@ -182,10 +255,15 @@ def main():
     w.add_argument("--index-shift", type=int, default=0, help="bytes added to each chunk's offset")
     w.add_argument("--lying-counts", action="store_true")
     w.add_argument("--claim", type=int, default=0, help="uncompressed bytes per chunk")
+    w.add_argument("--lying-length", type=int, default=0,
+                   help="the chunk (counted from 1) whose length runs past the file's end")
+    lay = commands.add_parser("layout")
+    lay.add_argument("out")
+    lay.add_argument("name", choices=sorted(LAYOUTS))
     c = commands.add_parser("chunks")
     c.add_argument("file")
     args = parser.parse_args()
-    write(args) if args.command == "write" else chunks(args)
+    {"write": write, "layout": layout, "chunks": chunks}[args.command](args)
 
 
 if __name__ == "__main__":

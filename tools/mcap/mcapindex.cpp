@@ -110,9 +110,7 @@ std::optional<uint64_t> walk(walk_t& w, uint64_t at) {
         if (size - at < MCAP_RECORD_HEADER) {
             return at;
         }
-        mcap_in_t head{mcap_read_at(w.file, at, MCAP_RECORD_HEADER)};
-        uint8_t opcode = head.u8();
-        uint64_t length = head.u64();
+        auto [opcode, length] = mcap_read_head(w.file, at);
         if (length > size - at - MCAP_RECORD_HEADER) {
             return at;
         }
@@ -159,21 +157,18 @@ std::set<uint64_t> indexed_chunks(const mcap_file_t& file, uint64_t summary, uin
     const uint64_t footer = file.size - MCAP_MAGIC.size() - FOOTER_RECORD;
     for (uint64_t at = summary;
          footer - at >= MCAP_RECORD_HEADER && found.size() < MCAP_MAX_SOURCES;) {
-        mcap_in_t head{mcap_read_at(file, at, MCAP_RECORD_HEADER)};
-        uint8_t opcode = head.u8();
-        uint64_t length = head.u64();
+        auto [opcode, length] = mcap_read_head(file, at);
         if (length > footer - at - MCAP_RECORD_HEADER) {
             break;
         }
         if (opcode == MCAP_CHUNK_INDEX && length >= 32 && length <= MAX_CHUNK_INDEX) {
-            mcap_in_t fields{mcap_read_at(file, at + MCAP_RECORD_HEADER, 32)};
+            std::string bytes = mcap_read_at(file, at + MCAP_RECORD_HEADER, 32);
+            mcap_in_t fields{bytes};
             fields.u64();
             fields.u64();
             uint64_t offset = fields.u64(), chunk_length = fields.u64();
             if (offset > after && offset < summary && summary - offset > MCAP_RECORD_HEADER) {
-                mcap_in_t chunk{mcap_read_at(file, offset, MCAP_RECORD_HEADER)};
-                uint8_t chunk_opcode = chunk.u8();
-                uint64_t content = chunk.u64();
+                auto [chunk_opcode, content] = mcap_read_head(file, offset);
                 if (chunk_opcode == MCAP_CHUNK &&
                     content <= summary - offset - MCAP_RECORD_HEADER &&
                     content + MCAP_RECORD_HEADER == chunk_length) {
@@ -209,13 +204,11 @@ mcap_index_t mcap_index_read(const mcap_file_t& file) {
     // A finished file whose data section holds a record that runs past the
     // end: read on from the chunks that its index lists beyond it.
     index.report.finished = true;
-    mcap_in_t head{
-        mcap_read_at(file, *stop, std::min<uint64_t>(MCAP_RECORD_HEADER, file.size - *stop))};
-    head.u8();
     index.report.damage =
         "the record at byte " + std::to_string(*stop) + " runs past the end of the file";
-    if (head.ok) {
-        index.report.damage += " (it claims " + std::to_string(head.u64()) + " bytes)";
+    if (file.size - *stop >= MCAP_RECORD_HEADER) {
+        index.report.damage +=
+            " (it claims " + std::to_string(mcap_read_head(file, *stop).length) + " bytes)";
     }
     std::set<uint64_t> chunks = indexed_chunks(file, summary, *stop);
     if (chunks.empty()) {

@@ -65,6 +65,13 @@ std::string mcap_read_at(const mcap_file_t& file, uint64_t offset, uint64_t leng
     return out;
 }
 
+mcap_head_t mcap_read_head(const mcap_file_t& file, uint64_t offset) {
+    std::string bytes = mcap_read_at(file, offset, MCAP_RECORD_HEADER);
+    mcap_in_t in{bytes};
+    uint8_t opcode = in.u8();
+    return {opcode, in.u64()};
+}
+
 bool mcap_in_t::take(uint64_t n) {
     ok = ok && n <= s.size() - pos;
     return ok;

@@ -31,6 +31,14 @@ struct mcap_file_t {
 // when they cannot be read.
 std::string mcap_read_at(const mcap_file_t& file, uint64_t offset, uint64_t length);
 
+// The opcode and content length of the record at `offset`, whose 9 bytes
+// the caller has checked to be in the file.
+struct mcap_head_t {
+    uint8_t opcode;
+    uint64_t length;
+};
+mcap_head_t mcap_read_head(const mcap_file_t& file, uint64_t offset);
+
 // Reads fields from a record; any read past the end clears `ok` and yields
 // zeros, so a parser checks once at the end.
 struct mcap_in_t {

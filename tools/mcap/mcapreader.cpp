@@ -146,9 +146,7 @@ void McapReader::openDue() {
 
 void McapReader::openChunk(const mcap_source_t& source) {
     std::string where = "the chunk at byte " + std::to_string(source.offset);
-    mcap_in_t head{mcap_read_at(file_, source.offset, MCAP_RECORD_HEADER)};
-    head.u8();
-    uint64_t length = head.u64();
+    uint64_t length = mcap_read_head(file_, source.offset).length;
     if (length > MCAP_MAX_CHUNK_RECORD ||
         length > file_.size - source.offset - MCAP_RECORD_HEADER) {
         return mcap_report_skip(report_, where + " changed while the file was read");
@@ -206,9 +204,7 @@ bool McapReader::advanceRun(open_t& run) {
     run.head_size = 0;
     while (run.pos < run.source->end && file_.size - run.pos >= MCAP_RECORD_HEADER) {
         uint64_t at = run.pos;
-        mcap_in_t head{mcap_read_at(file_, at, MCAP_RECORD_HEADER)};
-        uint8_t opcode = head.u8();
-        uint64_t length = head.u64();
+        auto [opcode, length] = mcap_read_head(file_, at);
         if (length > file_.size - at - MCAP_RECORD_HEADER) {
             return false;
         }
