@@ -104,6 +104,7 @@ LAYOUTS = {
     "channel99": lambda: [SCENES, radar(b"/scenes", 1, string(b"channel") + string(b"99")),
                           chunk(scenes(0, 10))],
     "bomb": lambda: [SCENES, radar(), bomb(), chunk(scenes(0, 10))],
+    "gap": lambda: [SCENES, radar(), chunk(scenes(0, 1) + [(1, START + 3600 * 10**9, scene(1, b""))])],
     "bomb-zstd": lambda: [SCENES, radar(), chunk([bomb()] + scenes(0, 10), "zstd")],
 }
 

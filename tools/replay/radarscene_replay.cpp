@@ -10,6 +10,7 @@
 #include <systemd/sd-event.h>
 
 #include <getopt.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <climits>
@@ -291,6 +292,10 @@ int run(const options_t& options) {
 
 int main(int argc, char** argv) {
     tool_init("radarscene-replay");
+    // Chunks of up to 32 MiB are decoded and freed in turn, twice each. Left
+    // to itself, glibc stops mapping blocks of that size once the first is
+    // freed, and keeps them in the heap, where the next may not fit.
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     options_t options = parse_options(argc, argv);
     return tool_run([&] { return run(options); });
 }
