@@ -38,8 +38,8 @@ its chunks; other channels and damaged records are skipped and counted.
       --class ID=NAME  declare an object class (repeatable; default 1=Human, 2=Vehicle)
       --channel N      the radar channel to serve and, in an MCAP recording, to
                        replay (default: the recording's first, else 0)
-      --topic TOPIC    MCAP: replay the scene channel with this topic (served as
-                       its radar channel, or --channel N)
+      --topic TOPIC    MCAP: replay the scene channel with this topic, served as
+                       the radar channel it names (else 0) or as --channel N
       --start S        MCAP: begin S seconds after the recording's start
       --end S          MCAP: stop S seconds after the recording's start
       --max-gap S      wait at most S seconds between scenes (default: as recorded)
