@@ -138,8 +138,13 @@ def write(args):
     out += schema + channel
     chunk_indexes = []
     per_chunk = args.per_chunk if args.layout == "chunked" else 0
-    for first in range(0, args.scenes, per_chunk or args.scenes or 1):
-        batch = list(range(first, min(args.scenes, first + (per_chunk or args.scenes))))
+    step = per_chunk or args.scenes or 1
+    batches = [list(range(f, min(args.scenes, f + step))) for f in range(0, args.scenes, step)]
+    k = args.interleave
+    # Each k chunks in a row share out their scenes in turn, so their times overlap.
+    batches = [sorted(sum(batches[g:g + k], []))[j::k] for g in range(0, len(batches), k)
+               for j in range(k)]
+    for batch in batches:
         if not per_chunk:
             out += b"".join(messages[i] for i in batch)
             continue
@@ -256,6 +261,7 @@ def main():
     w.add_argument("--index-shift", type=int, default=0, help="bytes added to each chunk's offset")
     w.add_argument("--lying-counts", action="store_true")
     w.add_argument("--claim", type=int, default=0, help="uncompressed bytes per chunk")
+    w.add_argument("--interleave", type=int, default=1, help="chunks whose times overlap")
     w.add_argument("--lying-length", type=int, default=0,
                    help="the chunk (counted from 1) whose length runs past the file's end")
     lay = commands.add_parser("layout")
