@@ -10,7 +10,8 @@
 namespace {
 
 constexpr uint64_t FOOTER_RECORD = MCAP_RECORD_HEADER + 20;
-// A chunk index record: two times, the offset, the length, then more.
+// The longest chunk index record believed; its first 32 bytes are two log
+// times, the chunk's offset and the chunk record's length.
 constexpr uint64_t MAX_CHUNK_INDEX = 1u << 20;
 
 struct walk_t {

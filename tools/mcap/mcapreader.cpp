@@ -114,8 +114,9 @@ uint64_t McapReader::headTime(const open_t& o) const {
     return o.source->end ? o.head_time : o.messages[o.next].time;
 }
 
-uint64_t McapReader::headPos(const open_t& o) const {
-    return o.source->end ? o.head_at : o.messages[o.next].at;
+std::pair<uint64_t, uint32_t> McapReader::headPos(const open_t& o) const {
+    return o.source->end ? std::pair(o.head_at, 0u)
+                         : std::pair(o.source->offset, o.messages[o.next].at);
 }
 
 bool McapReader::done(const open_t& o) const {
@@ -234,13 +235,7 @@ bool McapReader::next(mcap_message_t& m) {
         open_t& o =
             **std::min_element(open_.begin(), open_.end(), [&](const auto& a, const auto& b) {
                 uint64_t ta = headTime(*a), tb = headTime(*b);
-                if (ta != tb) {
-                    return ta < tb;
-                }
-                if (a->source->offset != b->source->offset) {
-                    return a->source->offset < b->source->offset;
-                }
-                return headPos(*a) < headPos(*b);
+                return ta != tb ? ta < tb : headPos(*a) < headPos(*b);
             });
         if (o.source->end) {
             message_ = mcap_read_at(file_, o.head_at + MCAP_RECORD_HEADER, o.head_size);

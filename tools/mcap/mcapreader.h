@@ -14,6 +14,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Chunks whose log times overlap more deeply than the reader may hold.
@@ -89,7 +90,9 @@ private:
     void openRun(const mcap_source_t& source);
     bool advanceRun(open_t& run);
     uint64_t headTime(const open_t& o) const;
-    uint64_t headPos(const open_t& o) const;
+    // Where the next message stands in the file: the chunk's offset and its
+    // place in the chunk, or its own offset.
+    std::pair<uint64_t, uint32_t> headPos(const open_t& o) const;
     bool done(const open_t& o) const;
     size_t openChunks() const;
 
