@@ -71,7 +71,8 @@ SCENES = definition(SCHEMA, 1, b"RadarScene.Scene", b"protobuf")
 
 def scenes(first, count, channel=1, base=0):
     """Scenes first..first+count-1, 20 ms apart; each scene's time is base + its number."""
-    return [(channel, START + i * 20_000_000, scene(base + i, b"")) for i in range(first, first + count)]
+    return [(channel, START + i * 20_000_000, scene(base + i, b""))
+            for i in range(first, first + count)]
 
 
 def radar(topic=b"/radar/0/scene", id=1, metadata=b""):
@@ -94,7 +95,8 @@ LAYOUTS = {
         chunk(scenes(0, 100))],
     "overlap3": lambda: [SCENES, radar()] + [chunk(scenes(0, 100)[k::3]) for k in range(3)],
     "unchunked-late": lambda: [SCENES, radar()] + [
-        record(MESSAGE, struct.pack("<HIQQ", c, 0, t, t) + d) for c, t, d in scenes(1, 99) + scenes(0, 1)],
+        record(MESSAGE, struct.pack("<HIQQ", c, 0, t, t) + d)
+        for c, t, d in scenes(1, 99) + scenes(0, 1)],
     "inner-definitions": lambda: [chunk([SCENES, radar()] + scenes(0, 50)), chunk(scenes(50, 50))],
     "channels": lambda: [SCENES, radar(), radar(b"/debug/scene", 2),
                          radar(b"/radar/0/scene_filtered", 3)] +
@@ -104,7 +106,8 @@ LAYOUTS = {
     "channel99": lambda: [SCENES, radar(b"/scenes", 1, string(b"channel") + string(b"99")),
                           chunk(scenes(0, 10))],
     "bomb": lambda: [SCENES, radar(), bomb(), chunk(scenes(0, 10))],
-    "gap": lambda: [SCENES, radar(), chunk(scenes(0, 1) + [(1, START + 3600 * 10**9, scene(1, b""))])],
+    "gap": lambda: [SCENES, radar(),
+                    chunk(scenes(0, 1) + [(1, START + 3600 * 10**9, scene(1, b""))])],
     "bomb-zstd": lambda: [SCENES, radar(), chunk([bomb()] + scenes(0, 10), "zstd")],
 }
 
