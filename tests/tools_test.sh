@@ -61,7 +61,7 @@ pids+=($replay)
 "$tools/radarscene-sub" --wait 10 --count 5 --bbox >"$work/skipped.json"
 kill -TERM "$replay"
 wait "$replay" || fail "the replay of a corrupt recording failed"
-grep -q "skipped 1 undecodable records" "$work/replay.log" ||
+grep -q "skipped 1 (1 undecodable)" "$work/replay.log" ||
     fail "corrupt record not skipped: $(cat "$work/replay.log")"
 [[ -z $(scenes <"$work/skipped.json" | sort -u | comm -13 "$work/live.sorted" -) ]] ||
     fail "scenes around the corrupt record"
