@@ -91,7 +91,9 @@ void mqtt_deliveries_answered(mqtt_deliveries_t& d, int mid, int reason) {
 }
 
 void mqtt_deliveries_lost(mqtt_deliveries_t& d) {
-    d.away += d.in_flight.size();
+    for (const auto& [mid, item] : d.in_flight) {
+        d.away += !item.topic.empty();
+    }
     d.in_flight.clear();
     d.unclaimed.clear();
     d.pending_bytes = 0;

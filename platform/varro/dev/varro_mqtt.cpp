@@ -97,8 +97,12 @@ public:
     ~MqttClient() override {
         if (thread_.joinable()) {
             {
-                std::lock_guard lock(mutex_);
+                // The broker's answers to the items in flight say which it
+                // took; they are waited for, a little.
+                std::unique_lock lock(mutex_);
                 stop_by_ = std::chrono::steady_clock::now() + STOP_WAIT;
+                changed_.wait_until(lock, stop_by_,
+                                    [&] { return !connected_ || deliveries_.in_flight.empty(); });
                 stopping_ = true;
                 changed_.notify_all();
             }
@@ -265,8 +269,13 @@ private:
         int error = errno;
         auto attempt_by =
             std::chrono::steady_clock::now() + std::chrono::seconds(settings_.keepalive);
+        // libmosquitto frees the TLS session of a failed attempt: whether
+        // the broker finished the handshake is noted while it is there.
+        bool handshaken = !settings_.tls;
         while (rc == MOSQ_ERR_SUCCESS && !stopped()) {
             rc = mosquitto_loop(m, LOOP_WAIT_MS, 1);
+            auto* ssl = static_cast<SSL*>(mosquitto_ssl_get(m));
+            handshaken = handshaken || (ssl && SSL_is_init_finished(ssl));
             error = errno;
             if (rc == MOSQ_ERR_SUCCESS && (error = unanswered(m, attempt_by))) {
                 rc = MOSQ_ERR_ERRNO;
@@ -275,7 +284,7 @@ private:
                 tend_topics(m);
             }
         }
-        bool was_connected = stopping_ ? true : ended(m, rc, error);
+        bool was_connected = stopping_ ? true : ended(rc, error, handshaken);
         {
             std::lock_guard lock(mutex_);
             connected_ = false;
@@ -353,10 +362,8 @@ private:
 
     // The end of an attempt or of a connection: says why, once per change
     // of state, and whether the client had been connected.
-    bool ended(mosquitto* m, int rc, int error) {
+    bool ended(int rc, int error, bool handshaken) {
         std::string refusal = mqtt_tls_take_refusal();
-        auto* ssl = static_cast<SSL*>(mosquitto_ssl_get(m));
-        bool handshaking = ssl && SSL_get_state(ssl) != TLS_ST_OK;
         std::lock_guard lock(mutex_);
         bool was_connected = connected_;
         std::string at = "the MQTT broker at " + address_;
@@ -377,10 +384,11 @@ private:
             report("tls", 3,
                    at + " closed the connection during the TLS handshake; is it a plain MQTT "
                         "listener (an mqtt:// URL)?");
-        } else if (!was_connected && rc == MOSQ_ERR_ERRNO && error == ETIMEDOUT) {
+        } else if (!was_connected &&
+                   (rc == MOSQ_ERR_KEEPALIVE || (rc == MOSQ_ERR_ERRNO && error == ETIMEDOUT))) {
             std::string seconds = std::to_string(settings_.keepalive);
             report("away", 4,
-                   handshaking
+                   !handshaken
                        ? at + " did not answer the TLS handshake within " + seconds + " s"
                        : at + " took the connection but sent no CONNACK within " + seconds + " s");
         } else {
@@ -505,6 +513,7 @@ private:
         MqttClient& c = self(client);
         std::lock_guard lock(c.mutex_);
         mqtt_deliveries_answered(c.deliveries_, mid, reason);
+        c.changed_.notify_all();
     }
 
     std::string unusable_;  // why the settings cannot be used, or empty
