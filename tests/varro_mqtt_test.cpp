@@ -469,6 +469,7 @@ TEST_F(TlsRestartTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwh
     auto lines = received.lines();
     std::sort(lines.begin(), lines.begin() + 2);
     EXPECT_EQ(lines, expected);
+    EXPECT_EQ(occurrences(log.text(), "<3>"), 0u) << log.text();  // a restart is no TLS error
 }
 
 namespace {
@@ -798,4 +799,27 @@ TEST(MqttSettings, MistakesAreNamedWithoutSecrets) {
     EXPECT_NE(mqtt_settings_client_id("radar", "machine-a"),
               mqtt_settings_client_id("radar", "machine-b"));
     EXPECT_TRUE(mqtt_settings_client_id("radar", "machine-a").starts_with("radar-"));
+}
+
+// Brokers that cannot serve the device are named for what they are, and an
+// IPv6 literal in the URL is reached.
+TEST(MqttBroker, BrokersThatCannotServeAreNamedInTheLog) {
+    int v6_port = free_port();
+    Broker plain("allow_anonymous true\nlistener " + std::to_string(v6_port) + " ::1\n");
+    Broker limited("allow_anonymous true\nmax_qos 0\n");
+    std::string v6 = "[::1]:" + std::to_string(v6_port);
+    std::map<std::string, std::string> lines = {
+        {"mqtts://" + plain.address(),
+         "<3>varro: the MQTT broker at " + plain.address() +
+             " closed the connection during the TLS handshake; is it a plain MQTT listener (an "
+             "mqtt:// URL)?\n"},
+        {limited.url(), "<3>varro: the MQTT broker at " + limited.address() +
+                            " takes no messages of QoS 1 (its max_qos is 0), which data items "
+                            "need; nothing is published to it\n"},
+        {"mqtt://" + v6, "<6>varro: connected to the MQTT broker at " + v6 + "\n"}};
+    for (const auto& [url, line] : lines) {
+        CapturedLog log;
+        auto client = client_for(url);
+        EXPECT_TRUE(log.wait_for(line)) << log.text();
+    }
 }
