@@ -1,0 +1,71 @@
+#!/usr/bin/env python3
+"""MQTT brokers that misbehave on purpose, for the broker benchmark.
+
+Usage: misbehaving_broker.py SILENT_PORT UNACKNOWLEDGING_PORT DEAF_PORT
+
+On 127.0.0.1: the first port reads and never answers (no TLS handshake, no
+CONNACK); the second answers CONNECT and SUBSCRIBE and nothing after; the
+third answers them and then stops reading the connection.
+"""
+import selectors
+import socket
+import sys
+
+SILENT, UNACKNOWLEDGING, DEAF = "silent", "unacknowledging", "deaf"
+
+
+def packets(buffer):
+    """Whole MQTT packets at the start of buffer: (type, body, rest)."""
+    while len(buffer) >= 2:
+        length, shift, at = 0, 0, 1
+        while at < len(buffer) and at < 5:
+            length |= (buffer[at] & 0x7F) << shift
+            shift += 7
+            at += 1
+            if not buffer[at - 1] & 0x80:
+                break
+        else:
+            return
+        if len(buffer) < at + length:
+            return
+        yield buffer[0] >> 4, buffer[at : at + length]
+        del buffer[: at + length]
+
+
+def main():
+    selector = selectors.DefaultSelector()
+    for port, how in zip(sys.argv[1:4], (SILENT, UNACKNOWLEDGING, DEAF)):
+        listener = socket.socket()
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.bind(("127.0.0.1", int(port)))
+        listener.listen(16)
+        selector.register(listener, selectors.EVENT_READ, (how, None))
+    while True:
+        for key, _ in selector.select():
+            how, buffer = key.data
+            if buffer is None:
+                connection, _ = key.fileobj.accept()
+                selector.register(connection, selectors.EVENT_READ, (how, bytearray()))
+                continue
+            data = key.fileobj.recv(65536)
+            if not data:
+                selector.unregister(key.fileobj)
+                key.fileobj.close()
+                continue
+            if how == SILENT:
+                continue
+            buffer += data
+            for kind, body in packets(buffer):
+                if kind == 1:
+                    key.fileobj.sendall(b"\x20\x03\x00\x00\x00")
+                elif kind == 8:
+                    key.fileobj.sendall(b"\x90\x04" + bytes(body[:2]) + b"\x00\x01")
+                    if how == DEAF:
+                        selector.unregister(key.fileobj)  # kept open, never read again
+                        deaf.append(key.fileobj)
+                        break
+
+
+deaf = []
+if __name__ == "__main__":
+    main()
