@@ -4,18 +4,21 @@
 Usage: misbehaving_broker.py SILENT_PORT UNACKNOWLEDGING_PORT DEAF_PORT
 
 On 127.0.0.1: the first port reads and never answers (no TLS handshake, no
-CONNACK); the second answers CONNECT and SUBSCRIBE and nothing after; the
-third answers them and then stops reading the connection.
+CONNACK); the second and third serve each connection for its first ten
+seconds (CONNACK, SUBACK, PUBACK, PINGRESP), and then the second answers
+nothing more while the third stops reading the connection.
 """
 import selectors
 import socket
 import sys
+import time
 
 SILENT, UNACKNOWLEDGING, DEAF = "silent", "unacknowledging", "deaf"
+GOOD_SECONDS = 10
 
 
 def packets(buffer):
-    """Whole MQTT packets at the start of buffer: (type, body, rest)."""
+    """Takes the whole MQTT packets off the start of buffer: (type, flags, body)."""
     while len(buffer) >= 2:
         length, shift, at = 0, 0, 1
         while at < len(buffer) and at < 5:
@@ -28,7 +31,7 @@ def packets(buffer):
             return
         if len(buffer) < at + length:
             return
-        yield buffer[0] >> 4, buffer[at : at + length]
+        yield buffer[0] >> 4, buffer[0] & 15, bytes(buffer[at : at + length])
         del buffer[: at + length]
 
 
@@ -42,10 +45,12 @@ def main():
         selector.register(listener, selectors.EVENT_READ, (how, None))
     while True:
         for key, _ in selector.select():
-            how, buffer = key.data
+            how, buffer = key.data[:2]
             if buffer is None:
                 connection, _ = key.fileobj.accept()
-                selector.register(connection, selectors.EVENT_READ, (how, bytearray()))
+                selector.register(
+                    connection, selectors.EVENT_READ, (how, bytearray(), time.monotonic())
+                )
                 continue
             data = key.fileobj.recv(65536)
             if not data:
@@ -55,15 +60,23 @@ def main():
             if how == SILENT:
                 continue
             buffer += data
-            for kind, body in packets(buffer):
+            good = time.monotonic() < key.data[2] + GOOD_SECONDS
+            if not good and how == DEAF:
+                selector.unregister(key.fileobj)  # kept open, never read again
+                deaf.append(key.fileobj)
+                continue
+            for kind, flags, body in packets(buffer):
+                if not good:
+                    continue
                 if kind == 1:
                     key.fileobj.sendall(b"\x20\x03\x00\x00\x00")
                 elif kind == 8:
                     key.fileobj.sendall(b"\x90\x04" + bytes(body[:2]) + b"\x00\x01")
-                    if how == DEAF:
-                        selector.unregister(key.fileobj)  # kept open, never read again
-                        deaf.append(key.fileobj)
-                        break
+                elif kind == 3 and flags & 6:
+                    at = 2 + (body[0] << 8 | body[1])
+                    key.fileobj.sendall(b"\x40\x02" + bytes(body[at : at + 2]))
+                elif kind == 12:
+                    key.fileobj.sendall(b"\xd0\x00")
 
 
 deaf = []

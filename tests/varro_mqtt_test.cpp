@@ -31,11 +31,26 @@ using namespace std::chrono_literals;
 
 namespace {
 
-int free_port() {
-    int s = socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in loopback(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// Ends a child process of the test with `signal`, once.
+void end_child(pid_t& pid, int signal) {
+    if (pid > 0) {
+        kill(pid, signal);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+}
+
+int free_port() {
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(0);
     bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address));
     socklen_t size = sizeof(address);
     getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
@@ -45,10 +60,7 @@ int free_port() {
 
 bool port_open(int port) {
     int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(port);
     bool open = connect(s, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
     close(s);
     return open;
@@ -88,13 +100,7 @@ public:
             std::this_thread::sleep_for(10ms);
         }
     }
-    void stop() {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-    }
+    void stop() { end_child(pid_, SIGTERM); }
 
     int port() const { return port_; }
     const std::string& dir() const { return dir_; }
@@ -214,6 +220,20 @@ private:
     std::string output_;
     pid_t pid_;
 };
+
+// Expects the retained definition and instance key of mdb.scene, in either
+// order, and then `items` on mdb.scene/1.
+void expect_topic_and_items(const Subscriber& received, const std::vector<std::string>& items) {
+    auto lines = received.lines();
+    ASSERT_GE(lines.size(), 2u);
+    std::sort(lines.begin(), lines.begin() + 2);
+    std::vector<std::string> expected = {R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
+                                         R"(mdb.scene/$instances/1 {"source":"1"})"};
+    for (const auto& item : items) {
+        expected.push_back("mdb.scene/1 " + item);
+    }
+    EXPECT_EQ(lines, expected);
+}
 
 // A test CA with its certificates (tests/varro_mqtt_certs.sh), the users
 // radar and watcher, and an access list that lets radar write mdb.scene
@@ -355,12 +375,7 @@ TEST_F(TlsBrokerTest, ItemsReachAVerifiedBrokerThatWantsACertificateAndAPassword
         ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(item), std::nullopt));
     }
     ASSERT_TRUE(received.wait_for(4));
-    auto lines = received.lines();
-    std::sort(lines.begin(), lines.begin() + 2);
-    EXPECT_EQ(lines,
-              (std::vector<std::string>{R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
-                                        R"(mdb.scene/$instances/1 {"source":"1"})",
-                                        R"(mdb.scene/1 {"n":1})", R"(mdb.scene/1 {"n":2})"}));
+    expect_topic_and_items(received, {R"({"n":1})", R"({"n":2})"});
 }
 
 // Each refusal gives Connect's error and one log line, however often the
@@ -458,17 +473,13 @@ TEST_F(TlsRestartTest, ARestartedBrokerGetsDefinitionsAndKeysAgainAndItemsMeanwh
     ASSERT_TRUE(log.wait_for("again; 20 data items were dropped while it was away")) << log.text();
     Subscriber received(broker, "mdb.scene/#");
     ASSERT_TRUE(received.wait_for(2));
-    std::vector<std::string> expected = {R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
-                                         R"(mdb.scene/$instances/1 {"source":"1"})"};
+    std::vector<std::string> items;
     for (int i = 0; i < 10; ++i) {
-        std::string item = R"({"n":)" + std::to_string(i) + "}";
-        ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(item), std::nullopt));
-        expected.push_back("mdb.scene/1 " + item);
+        items.push_back(R"({"n":)" + std::to_string(i) + "}");
+        ASSERT_TRUE(writer->WriteData(*TopicData::FromJson(items.back()), std::nullopt));
     }
     ASSERT_TRUE(received.wait_for(12));
-    auto lines = received.lines();
-    std::sort(lines.begin(), lines.begin() + 2);
-    EXPECT_EQ(lines, expected);
+    expect_topic_and_items(received, items);
     EXPECT_EQ(occurrences(log.text(), "<3>"), 0u) << log.text();  // a restart is no TLS error
 }
 
@@ -530,10 +541,7 @@ public:
         int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         int on = 1;
         setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port_));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = loopback(port_);
         EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
         listen(listener, 16);
         pid_ = fork();
@@ -543,13 +551,7 @@ public:
         close(listener);
     }
     ~BadBroker() { stop(); }
-    void stop() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
-    }
+    void stop() { end_child(pid_, SIGKILL); }
     int port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
@@ -723,12 +725,7 @@ TEST(MqttBroker, ABrokerStartedAfterTheProducerIsPublishedTo) {
     ASSERT_TRUE(received.wait_for(2));
     push(*writer, 1);
     ASSERT_TRUE(received.wait_for(3));
-    auto lines = received.lines();
-    std::sort(lines.begin(), lines.begin() + 2);
-    EXPECT_EQ(lines,
-              (std::vector<std::string>{R"(mdb.scene/$definition {"topic_name":"mdb.scene"})",
-                                        R"(mdb.scene/$instances/1 {"source":"1"})",
-                                        R"(mdb.scene/1 {"n":1,"pad":"xxxxxxxxxxxxxxxx"})"}));
+    expect_topic_and_items(received, {R"({"n":1,"pad":"xxxxxxxxxxxxxxxx"})"});
 }
 
 // Items above the broker's maximum packet size are counted, with one line
