@@ -798,10 +798,11 @@ TEST(MqttSettings, MistakesAreNamedWithoutSecrets) {
     EXPECT_TRUE(mqtt_settings_client_id("radar", "machine-a").starts_with("radar-"));
 }
 
-// Brokers that cannot serve the device are named for what they are, and an
-// IPv6 literal in the URL is reached.
+// Brokers that cannot serve the device are named for what they are, a
+// closed port under TLS is no TLS failure, and an IPv6 literal in the URL
+// is reached.
 TEST(MqttBroker, BrokersThatCannotServeAreNamedInTheLog) {
-    int v6_port = free_port();
+    int v6_port = free_port(), closed = free_port();
     Broker plain("allow_anonymous true\nlistener " + std::to_string(v6_port) + " ::1\n");
     Broker limited("allow_anonymous true\nmax_qos 0\n");
     std::string v6 = "[::1]:" + std::to_string(v6_port);
@@ -813,7 +814,10 @@ TEST(MqttBroker, BrokersThatCannotServeAreNamedInTheLog) {
         {limited.url(), "<3>varro: the MQTT broker at " + limited.address() +
                             " takes no messages of QoS 1 (its max_qos is 0), which data items "
                             "need; nothing is published to it\n"},
-        {"mqtt://" + v6, "<6>varro: connected to the MQTT broker at " + v6 + "\n"}};
+        {"mqtt://" + v6, "<6>varro: connected to the MQTT broker at " + v6 + "\n"},
+        {"mqtts://127.0.0.1:" + std::to_string(closed),
+         "<4>varro: cannot reach the MQTT broker at 127.0.0.1:" + std::to_string(closed) +
+             ": Connection refused\n"}};
     for (const auto& [url, line] : lines) {
         CapturedLog log;
         auto client = client_for(url);

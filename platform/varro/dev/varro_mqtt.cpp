@@ -348,9 +348,9 @@ private:
         if ((handshake == TLS_ST_BEFORE || handshake == TLS_ST_CW_CLNT_HELLO) && fd >= 0 &&
             getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
             (info.tcpi_state == TCP_CLOSE || info.tcpi_state == TCP_CLOSE_WAIT)) {
-            // A plain listener closes the connection on a TLS greeting.
-            return info.tcpi_state == TCP_CLOSE_WAIT || info.tcpi_last_data_recv ? EPROTO
-                                                                                 : ECONNREFUSED;
+            // A plain listener closes the connection on a TLS greeting; a
+            // connection that was never made has no round-trip time.
+            return info.tcpi_state == TCP_CLOSE_WAIT || info.tcpi_rtt ? EPROTO : ECONNREFUSED;
         }
         return std::chrono::steady_clock::now() > attempt_by ? ETIMEDOUT : 0;
     }
