@@ -4,9 +4,10 @@
 Usage: misbehaving_broker.py SILENT_PORT UNACKNOWLEDGING_PORT DEAF_PORT
 
 On 127.0.0.1: the first port reads and never answers (no TLS handshake, no
-CONNACK); the second and third serve each connection for its first ten
-seconds (CONNACK, SUBACK, PUBACK, PINGRESP), and then the second answers
-nothing more while the third stops reading the connection.
+CONNACK); the second and third serve well for their first ten seconds
+(CONNACK, SUBACK, PUBACK, PINGRESP), and from then on answer CONNECT and
+SUBSCRIBE only: the second acknowledges nothing more, the third stops
+reading a connection one second after taking it.
 """
 import selectors
 import socket
@@ -36,13 +37,14 @@ def packets(buffer):
 
 
 def main():
+    start = time.monotonic()
     selector = selectors.DefaultSelector()
     for port, how in zip(sys.argv[1:4], (SILENT, UNACKNOWLEDGING, DEAF)):
         listener = socket.socket()
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         listener.bind(("127.0.0.1", int(port)))
         listener.listen(16)
-        selector.register(listener, selectors.EVENT_READ, (how, None))
+        selector.register(listener, selectors.EVENT_READ, (how, None, 0))
     while True:
         for key, _ in selector.select():
             how, buffer = key.data[:2]
@@ -60,18 +62,19 @@ def main():
             if how == SILENT:
                 continue
             buffer += data
-            good = time.monotonic() < key.data[2] + GOOD_SECONDS
-            if not good and how == DEAF:
+            now = time.monotonic()
+            good = now < start + GOOD_SECONDS
+            if how == DEAF and not good and now > key.data[2] + 1:
                 selector.unregister(key.fileobj)  # kept open, never read again
                 deaf.append(key.fileobj)
                 continue
             for kind, flags, body in packets(buffer):
-                if not good:
-                    continue
                 if kind == 1:
                     key.fileobj.sendall(b"\x20\x03\x00\x00\x00")
                 elif kind == 8:
                     key.fileobj.sendall(b"\x90\x04" + bytes(body[:2]) + b"\x00\x01")
+                elif not good:
+                    continue
                 elif kind == 3 and flags & 6:
                     at = 2 + (body[0] << 8 | body[1])
                     key.fileobj.sendall(b"\x40\x02" + bytes(body[at : at + 2]))
