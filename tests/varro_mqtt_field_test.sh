@@ -69,7 +69,7 @@ for device in a b; do
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/$device/bus "$tools/radarscene-sub" --wait 10 --count 3 \
         >/dev/null || fail "device $device serves no scenes"
 done
-timeout 3 mosquitto_sub -p "$port" -t 'mdb.radar.scene/1' -C 100 >/dev/null ||
+timeout 10 mosquitto_sub -p "$port" -t 'mdb.radar.scene/1' -C 20 >/dev/null ||
     fail "no items from the devices"
 [[ $(grep -c "as radarscene-demo-" "$work/broker.log") -eq 2 ]] ||
     fail "two connections expected: $(cat "$work/broker.log")"
