@@ -193,6 +193,10 @@ TEST_F(Publisher, ConnectionFailuresAreLoggedAndSurvived) {
     varro_fake::fail("Create", ApiErrorCode::Unknown, "");
     varro_publisher_connect(without_client, "radar");
     EXPECT_FALSE(without_client.client);
+    // The radar goes on: its topics are refused with a line, never an abort.
+    varro_publisher_add_topic(without_client, "mdb.t", 0, SerializedScene, {});
+    EXPECT_TRUE(without_client.topics.empty());
+    EXPECT_EQ(log.count("<3>Failed to get topic 'mdb.t': no broker client\n"), 1);
 }
 
 TEST_F(Publisher, SerializedSceneEnvelopeIsByteExact) {

@@ -97,7 +97,12 @@ std::unique_ptr<VarroTopicState> createTopicState(
 void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& topicName,
                                int supportedChannel, VarroTopicKind kind,
                                const RadarScene::SerializeFrameOptions& options) {
-    RS_ASSERT(publisher.client && "No broker client");
+    // A broker library that made no client was logged at connection; the
+    // radar goes on without the topic.
+    if (!publisher.client) {
+        log_error("Failed to get topic '%s': %s", topicName.c_str(), "no broker client");
+        return;
+    }
     auto state = createTopicState(*publisher.client, topicName, supportedChannel, kind, options);
     if (state) {
         publisher.topics.push_back(std::move(state));

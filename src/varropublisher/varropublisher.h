@@ -30,6 +30,7 @@ std::unique_ptr<SceneProvider::VarroTopicState> createTopicState(
     SceneProvider::VarroTopicKind kind, const RadarScene::SerializeFrameOptions& options);
 
 // createTopicState for the Sink's channel; a registered topic is kept.
+// Without a client, one line says so and nothing is registered.
 void varro_publisher_add_topic(varro_publisher_t& publisher, const std::string& topicName,
                                int supportedChannel, SceneProvider::VarroTopicKind kind,
                                const RadarScene::SerializeFrameOptions& options);

@@ -53,7 +53,10 @@ std::expected<mqtt_tls_t, std::string> mqtt_tls_create(const mqtt_settings_t& s)
         }
         if (SSL_CTX_use_PrivateKey_file(ctx.get(), key.c_str(), SSL_FILETYPE_PEM) != 1 ||
             SSL_CTX_check_private_key(ctx.get()) != 1) {
-            return std::unexpected("cannot use the key " + key + ": " + openssl_error());
+            return std::unexpected(
+                std::string("cannot use ") +
+                (s.keyfile.empty() ? "the key in VARRO_MQTT_CERTFILE " : "VARRO_MQTT_KEYFILE ") +
+                key + ": " + openssl_error());
         }
     }
     // Every session of the context inherits the name to match: an address
