@@ -89,6 +89,7 @@ class Subscriber:
         self._ended = False
         self._error = None
         self._waiters = 0
+        self._drained = False  # the last read found the socket empty
         self._subscribed_before = False
         self._ready = collections.deque()
         self._socket = None
@@ -133,9 +134,14 @@ class Subscriber:
         subscriber's); None once the stream has ended or been closed."""
         timeout = self.timeout if timeout is _DEFAULT else timeout
         deadline = None if timeout is None else time.monotonic() + timeout
+        polled = False
         while True:
             with self._lock:
-                scene = self._next_nowait()
+                if polled:
+                    self._waiters -= 1
+                    self._release_if_idle()
+                # A socket just found empty is not read again before the wait.
+                scene = self._next_nowait(read=polled or not self._drained)
                 if scene is not None:
                     return None if scene is _END else scene
                 wait = self._wait_interval(deadline)
@@ -144,10 +150,12 @@ class Subscriber:
                 if wait <= 0:
                     raise Timeout(f"no scene within {timeout} s")
                 self._epoll.poll(wait)
-            finally:
+            except BaseException:
                 with self._lock:
                     self._waiters -= 1
                     self._release_if_idle()
+                raise
+            polled = True
 
     def fileno(self):
         """A descriptor that is readable when read_nowait() has something to
@@ -259,6 +267,7 @@ class Subscriber:
         self._epoll.register(stream.fileno(), select.EPOLLIN)
         self._socket, self._owner, self.session = stream, owner, int(session)
         self._reader = RecordReader(self._max_record)  # nothing of a cut record
+        self._drained = False
         self._gaps.restart()
         self._replaced_before += self._replaced
         self._replaced = 0
@@ -307,10 +316,12 @@ class Subscriber:
         else:
             self._end()
 
-    def _next_nowait(self):
+    def _next_nowait(self, read=True):
         """A scene, _END, or None when there is nothing yet; reads the
-        socket, checks the provider and subscribes again as needed."""
-        if not self._ready and not self._closed and not self._ended:
+        socket (unless told not to), checks the provider and subscribes
+        again as needed."""
+        if not self._ready and not self._closed and not self._ended and (
+                read or self._socket is None):
             self._pump()
         if self._ready:
             return self._ready.popleft()
@@ -332,6 +343,7 @@ class Subscriber:
         try:
             data = self._socket.recv(READ_SIZE)
         except BlockingIOError:
+            self._drained = True
             if now - self._last_heard >= OWNER_CHECK_INTERVAL:
                 self._check_owner(now)
             return
@@ -341,6 +353,7 @@ class Subscriber:
             self._lost()
             return
         self._last_heard = now
+        self._drained = len(data) < READ_SIZE
         scenes, error = self._reader.feed(data)
         for scene, size in scenes:
             self._scenes += 1
