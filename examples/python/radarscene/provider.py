@@ -46,7 +46,10 @@ def owner(bus):
     try:
         return str(bus.get_name_owner(SERVICE))
     except dbus.DBusException as error:
-        raise translate(error) from None
+        failure = translate(error)
+        if isinstance(failure, NoProvider):
+            failure = NoProvider(f"no radar scene provider {SERVICE} on the bus", failure.name)
+        raise failure from None
 
 
 def call(bus, destination, method, signature="", args=(), timeout=CALL_TIMEOUT,
