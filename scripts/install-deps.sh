@@ -9,7 +9,7 @@ packages=(
     libprotobuf-dev protobuf-compiler nlohmann-json3-dev
     dbus-daemon libgtest-dev libgmock-dev libbenchmark-dev
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
-    python3-dbus python3-protobuf
+    python3-dbus python3-protobuf python3-pytest
     mosquitto libmosquitto-dev mosquitto-clients libssl-dev openssl
     libzstd-dev liblz4-dev zlib1g-dev zstd lz4 libwebsockets-dev chromium
 )
