@@ -341,8 +341,8 @@ ViewServer::ViewServer(const view_server_options_t& options,
     }
     lws_set_log_level(LLL_ERR, log_line);
     if (::access(page_file(options_.web_root).c_str(), R_OK) != 0) {
-        throw std::runtime_error("no page in " + options_.web_root + ": " +
-                                 page_file(options_.web_root) + ": " + strerror(errno));
+        throw std::runtime_error("no page in " + options_.web_root + ": index.html: " +
+                                 strerror(errno));
     }
     scratch_.resize(LWS_PRE + FRAGMENT);
     mount_ = std::make_unique<lws_http_mount>();
