@@ -18,6 +18,7 @@
 #include <deque>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 
 namespace {
 
@@ -35,9 +36,9 @@ constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
 // How long a connection may take to become a viewer, and how many
 // connections (pages, upgrades) there may be per viewer allowed.
 constexpr unsigned HANDSHAKE_TIMEOUT_S = 5;
-// A viewer subscribed for less than this, or one that took at least as many
-// of its messages as were replaced unsent within it, reads what it asked for
-// and keeps its place.
+// A viewer that took at least as many of its messages as were replaced
+// unsent within this and the window before reads what it asked for and
+// keeps its place.
 constexpr int64_t READING_WINDOW_NS = 2'000'000'000;
 constexpr size_t CONNECTIONS_PER_VIEWER = 4;
 // Descriptors kept for everything else: listening, the cancel pipe, the bus,
@@ -210,12 +211,12 @@ struct ViewServer::viewer_t {
     bool dropped = false;      // being disconnected at once
     bool closing = false;      // close once the text is out, with this status and reason
     uint64_t serial = 0;       // in the order of arrival
+    int64_t connected_at = 0;
+    std::string host;  // its address
     lws_close_status close_status = LWS_CLOSE_STATUS_NORMAL;
     std::string close_reason;
-    // Whether it takes what it subscribed to: since it first subscribed,
-    // messages taken whole and messages replaced unsent, in the current
-    // window and the one before.
-    int64_t subscribed_at = 0;
+    // Whether it takes what it subscribed to: messages taken whole and
+    // messages replaced unsent, in the current window and the one before.
     int64_t window_at = 0;
     unsigned taken[2] = {0, 0};
     unsigned replaced[2] = {0, 0};
@@ -236,17 +237,18 @@ void roll_tally(ViewServer::viewer_t& viewer, int64_t now) {
 }
 
 // How much a viewer's place is worth: 0 subscribes to nothing, 1 subscribes
-// but does not take what it is sent (or is sent nothing), 2 reads.
+// but does not take what it is sent (or is sent nothing), 2 reads: it took
+// at least as many of its messages as were replaced unsent, and took some or
+// has its first on the way.
 int standing(ViewServer::viewer_t& viewer, int64_t now) {
     if (viewer.session.empty()) {
         return 0;
     }
-    if (now - viewer.subscribed_at < READING_WINDOW_NS) {
-        return 2;
-    }
     roll_tally(viewer, now);
     unsigned taken = viewer.taken[0] + viewer.taken[1];
-    return taken > 0 && viewer.replaced[0] + viewer.replaced[1] <= taken ? 2 : 1;
+    bool sending = !viewer.data.empty() ||
+                   (viewer.out_kind == LWS_WRITE_BINARY && viewer.out_at < viewer.out.size());
+    return viewer.replaced[0] + viewer.replaced[1] <= taken && (taken > 0 || sending) ? 2 : 1;
 }
 
 bool waiting(const ViewServer::viewer_t& viewer) {
@@ -341,8 +343,8 @@ ViewServer::ViewServer(const view_server_options_t& options,
     }
     lws_set_log_level(LLL_ERR, log_line);
     if (::access(page_file(options_.web_root).c_str(), R_OK) != 0) {
-        throw std::runtime_error("no page in " + options_.web_root + ": index.html: " +
-                                 strerror(errno));
+        throw std::runtime_error("no page in " + options_.web_root +
+                                 ": index.html: " + strerror(errno));
     }
     scratch_.resize(LWS_PRE + FRAGMENT);
     mount_ = std::make_unique<lws_http_mount>();
@@ -504,23 +506,34 @@ void ViewServer::deliver() {
 }
 
 // A new viewer beyond the limit takes the place of one that subscribes to
-// nothing, or else of one that does not take what it subscribed to, the
-// oldest first; when all read, it is refused.
+// nothing, or else of one that does not take what it subscribed to; among
+// those, of one from the address with the most viewers, the oldest first.
+// A viewer that reads is never replaced: when all read, the new one is
+// refused.
 void ViewServer::admit(viewer_t& viewer) {
-    viewer_t* weakest = nullptr;
-    int weakest_standing = 2;
-    size_t active = 0;
     int64_t now = now_ns();
+    std::map<std::string, size_t> per_address;
+    for (const auto& [wsi, other] : viewers_) {
+        if (other.get() != &viewer && !other->closing && !other->dropped) {
+            ++per_address[other->host];
+        }
+    }
+    viewer_t* weakest = nullptr;
+    std::tuple<int, int64_t, uint64_t> weakest_rank{2, 0, 0};
+    size_t active = 0;
     for (const auto& [wsi, other] : viewers_) {
         if (other.get() == &viewer || other->closing || other->dropped) {
             continue;
         }
         ++active;
+        // One that just came has its moment to subscribe.
         int s = standing(*other, now);
-        if (s < 2 && (!weakest || s < weakest_standing ||
-                      (s == weakest_standing && other->serial < weakest->serial))) {
+        s = s == 0 && now - other->connected_at < READING_WINDOW_NS / 2 ? 1 : s;
+        std::tuple<int, int64_t, uint64_t> rank{s, -static_cast<int64_t>(per_address[other->host]),
+                                                other->serial};
+        if (s < 2 && (!weakest || rank < weakest_rank)) {
             weakest = other.get();
-            weakest_standing = s;
+            weakest_rank = rank;
         }
     }
     if (active >= options_.max_clients && !weakest) {
@@ -530,7 +543,7 @@ void ViewServer::admit(viewer_t& viewer) {
     }
     if (active >= options_.max_clients) {
         close_with(*weakest, LWS_CLOSE_STATUS_POLICY_VIOLATION,
-                   weakest_standing == 0
+                   weakest->session.empty()
                        ? "a newer viewer took the place of this one, which subscribed to nothing"
                        : "a newer viewer took the place of this one, which did not take what it "
                          "subscribed to");
@@ -563,12 +576,8 @@ void ViewServer::receive(viewer_t& viewer, const char* in, size_t len) {
         return;
     }
     std::set<uint32_t> ids(channel_ids_.begin(), channel_ids_.end());
-    bool was_empty = viewer.session.empty();
     if (auto reply = viewer.session.handleText(viewer.rx, ids)) {
         queue_text(viewer, std::move(*reply));
-    }
-    if (was_empty && !viewer.session.empty() && !viewer.subscribed_at) {
-        viewer.subscribed_at = viewer.window_at = now_ns();
     }
     viewer.rx.clear();
     updateWanted();
@@ -620,6 +629,8 @@ int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len)
             auto created = std::make_unique<viewer_t>();
             created->wsi = wsi;
             created->serial = ++serial_;
+            created->connected_at = now_ns();
+            created->host = peer_host(wsi);
             *slot = created.get();
             viewers_[wsi] = std::move(created);
             admit(*viewers_[wsi]);
