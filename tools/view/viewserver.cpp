@@ -319,6 +319,8 @@ void queue_text(ViewServer::viewer_t& viewer, std::string message) {
     if (viewer.text_bytes > MAX_QUEUED_TEXT) {
         viewer.text.clear();
         viewer.text_bytes = 0;
+        // What it sends meanwhile would keep the close frame from going out.
+        lws_rx_flow_control(viewer.wsi, 0);
         close_after(viewer, LWS_CLOSE_STATUS_POLICY_VIOLATION,
                     "too many answers waiting to be read");
     }
@@ -595,6 +597,9 @@ int ViewServer::write(viewer_t& viewer) {
             lws_close_reason(viewer.wsi, viewer.close_status,
                              reinterpret_cast<unsigned char*>(viewer.close_reason.data()),
                              viewer.close_reason.size());
+            // The library sends the close frame and waits for its answer;
+            // a second -1 would cut the connection before.
+            viewer.dropped = true;
             return -1;
         }
         size_t n = std::min(FRAGMENT, viewer.out.size() - viewer.out_at);
