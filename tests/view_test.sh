@@ -16,8 +16,9 @@ start_private_bus "$2"
 "$tools/radarscene-demo-producer" --rate 50 --objects 5 2>/dev/null &
 producer=$!
 pids+=($producer)
+# Many connections come from one address here.
 "$tools/radarscene-view" --wait 10 --listen 127.0.0.1:0 --web-root "$here/../tools/view/web" \
-    2>"$work/view.log" &
+    --max-per-address 300 2>"$work/view.log" &
 view=$!
 pids+=($view)
 for _ in $(seq 50); do grep -q serving "$work/view.log" && break; sleep 0.1; done
