@@ -516,6 +516,9 @@ if __name__ == "__main__":
         many(port, int(sys.argv[3]))
     elif command == "backlog":
         backlog(port)
+    elif command == "alone":
+        print(f"alone: real viewer {real_viewer(port, 3):.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
+              f"{descriptors(int(sys.argv[3]))} descriptors")
     elif command == "told":
         v = Viewer(port)
         v.sock.settimeout(5)
