@@ -519,6 +519,10 @@ if __name__ == "__main__":
     elif command == "alone":
         print(f"alone: real viewer {real_viewer(port, 3):.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
               f"{descriptors(int(sys.argv[3]))} descriptors")
+    elif command == "headers":
+        # Requests whose headers the library has no room for, one at a time.
+        for _ in range(int(sys.argv[3])):
+            get(port, "X-Filler: " + "x" * 9000 + "\r\n")
     elif command == "told":
         v = Viewer(port)
         v.sock.settimeout(5)

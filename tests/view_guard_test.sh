@@ -76,6 +76,9 @@ guard closing "$port" 4 || fail "closing handshakes"
 guard flood "$port" "$view" 400 >"$work/flood.log" || fail "$(cat "$work/flood.log")"
 guard hoard "$port" "$view" 4 >"$work/hoard.log" || fail "$(cat "$work/hoard.log")"
 guard origin "$port" || fail "origins"
+# The library's complaints about them are rate-limited as the tool's own.
+guard headers "$port" 2000
+(($(grep -c "libwebsockets" "$work/view.log") < 100)) || fail "$(grep -c libwebsockets "$work/view.log") lines of libwebsockets"
 guard backlog "$port" || fail "backlog"
 # One peer attacks from 127.0.0.1 while a real viewer comes from 127.0.0.2.
 for attack in slow silent idle sockets; do
