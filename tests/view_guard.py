@@ -392,10 +392,10 @@ def attack(port, pid, kind, threads):
     for w in workers:
         w.start()
     time.sleep(2)
+    held = f"view {proc(pid, 'VmRSS')} KiB, {descriptors(pid)} descriptors"
     try:
-        rate = real_viewer(port, 3)
-        print(f"{kind}: real viewer {rate:.1f} scenes/s; view {proc(pid, 'VmRSS')} KiB, "
-              f"{descriptors(pid)} descriptors")
+        print(f"{kind}: {held}; ", end="", flush=True)
+        print(f"real viewer {real_viewer(port, 3):.1f} scenes/s")
     finally:
         stop.set()
         for w in workers:

@@ -685,8 +685,8 @@ unsigned ViewServer::refusal(lws* wsi, bool upgrade) {
         if (view_access_locked_out(access_, address, now_s)) {
             return 429;
         }
-        std::string bearer = header(wsi, WSI_TOKEN_HTTP_AUTHORIZATION);
-        char arg[1024] = "";
+        std::string bearer = header(wsi, WSI_TOKEN_HTTP_AUTHORIZATION, 2048);
+        char arg[2048] = "";
         const char* token = lws_get_urlarg_by_name(wsi, "token=", arg, sizeof arg);
         bool given = (bearer.rfind("Bearer ", 0) == 0 &&
                       view_access_secret_matches(access_, bearer.substr(7))) ||
