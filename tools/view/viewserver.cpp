@@ -36,11 +36,11 @@ constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
 // How long a connection may take to become a viewer, and how many
 // connections (pages, upgrades) there may be per viewer allowed.
 constexpr unsigned HANDSHAKE_TIMEOUT_S = 5;
+constexpr size_t CONNECTIONS_PER_VIEWER = 4;
 // A viewer that took at least as many of its messages as were replaced
 // unsent within this and the window before reads what it asked for and
 // keeps its place.
 constexpr int64_t READING_WINDOW_NS = 2'000'000'000;
-constexpr size_t CONNECTIONS_PER_VIEWER = 4;
 // Descriptors kept for everything else: listening, the cancel pipe, the bus,
 // the scene stream, the page's files.
 constexpr size_t SPARE_DESCRIPTORS = 32;
@@ -164,10 +164,6 @@ sockaddr_storage listen_address(const std::string& address, int port, std::strin
 
 // Connections served at once: a few per viewer, and always well below the
 // process's descriptor limit.
-std::string page_file(const std::string& web_root) {
-    return web_root + "/index.html";
-}
-
 unsigned connection_limit(size_t max_clients) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -344,7 +340,7 @@ ViewServer::ViewServer(const view_server_options_t& options,
         wanted_[c.id] = false;
     }
     lws_set_log_level(LLL_ERR, log_line);
-    if (::access(page_file(options_.web_root).c_str(), R_OK) != 0) {
+    if (::access((options_.web_root + "/index.html").c_str(), R_OK) != 0) {
         throw std::runtime_error("no page in " + options_.web_root +
                                  ": index.html: " + strerror(errno));
     }
@@ -441,6 +437,7 @@ bool ViewServer::wanted(uint32_t channel) const {
 void ViewServer::run() {
     while (!stopping_ && lws_service(context_, 0) >= 0) {
         trimMemory();
+        log_report_suppressed();
     }
 }
 
@@ -453,7 +450,6 @@ void ViewServer::trimMemory() {
         trim_due_ = false;
         trimmed_at_ = now;
     }
-    log_report_suppressed();
 }
 
 void ViewServer::stop() {
