@@ -438,11 +438,11 @@ def many(port, pid):
             w.join()
         print(f"15 viewers of {subscriptions} subscriptions: view {sizes[subscriptions]} KiB, "
               f"real viewer {rate:.1f} scenes/s")
-    until(lambda: proc(pid, "VmRSS") < (sizes[1] + sizes[64]) / 2, 10)
+    until(lambda: proc(pid, "VmRSS") <= 1.25 * sizes[1], 10)
     print(f"after they left: view {proc(pid, 'VmRSS')} KiB")
     if sizes[64] > 2 * sizes[1]:
         fail(f"64 subscriptions per viewer took the view to {sizes[64]} KiB, from {sizes[1]}")
-    if proc(pid, "VmRSS") > max(sizes[1], (sizes[1] + sizes[64]) / 2):
+    if proc(pid, "VmRSS") > 1.25 * sizes[1]:
         fail(f"the view keeps {proc(pid, 'VmRSS')} KiB after the viewers left")
 
 
