@@ -523,6 +523,11 @@ if __name__ == "__main__":
         # Requests whose headers the library has no room for, one at a time.
         for _ in range(int(sys.argv[3])):
             get(port, "X-Filler: " + "x" * 9000 + "\r\n")
+    elif command == "unknown-delay":
+        v = Viewer(port)
+        v.subscribe("radarscene.SceneView")
+        scene = json.loads(v.data())
+        sys.exit(0 if scene["delay_ms"] is None else f"a delay of {scene['delay_ms']} ms")
     elif command == "told":
         v = Viewer(port)
         v.sock.settimeout(5)

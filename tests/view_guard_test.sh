@@ -123,6 +123,17 @@ grep -qF "$(cat "$work/secret")" "$work/view.log" && fail "the secret in the log
 kill "$producer"
 wait "$producer" || true
 
+# Scenes of another clock (time 1 ns) have no delay to show.
+printf '\0\0\0\6\10\1' >"$work/old.rec"
+"$tools/radarscene-replay" --loop --rate 50 "$work/old.rec" 2>/dev/null &
+replay=$!
+pids+=($replay)
+start_view --listen 127.0.0.1:0
+guard unknown-delay "$port" || fail "delay of a scene of another clock"
+stop_view
+kill "$replay"
+wait "$replay" || true
+
 # A location fix only from a valid device position: scenes recorded with
 # geographic positions are replayed while the view's own device position
 # is unknown, and only the geolocation service's position is published.
