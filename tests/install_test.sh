@@ -46,6 +46,17 @@ port=$(sed -n 's|.*serving http://127.0.0.1:\([0-9]*\)/$|\1|p' "$work/view.log")
     "http://127.0.0.1:$port/" >"$work/page.html" || fail "the installed view's page: $(cat "$work/view.log")"
 grep -q "<title>radarscene view</title>" "$work/page.html" || fail "the installed view's page"
 
+# Every unit shipped is one that systemd accepts and whose sandbox its
+# exposure analysis rates "OK" (2.0 at most).
+for unit in "$prefix/lib/systemd/system/radarscene-view.service" \
+    "$prefix/share/doc/radarscene/examples/radarscene-demo-producer.service"; do
+    name=$(basename "$unit")
+    sed "s|/usr/bin/|$prefix/bin/|" "$unit" >"$work/$name"
+    systemd-analyze verify --man=no --generators=no "$work/$name" || fail "systemd-analyze verify $name"
+    systemd-analyze security --offline=true --threshold=20 --no-pager "$work/$name" \
+        >"$work/security.log" || fail "$name: $(tail -n 1 "$work/security.log")"
+done
+
 if [[ $(id -u) -ne 0 ]]; then
     echo "SKIPPED: the system bus check needs root to run a client as another user"
     exit 77

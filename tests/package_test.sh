@@ -30,6 +30,7 @@ for tool in radarscene-sub radarscene-replay radarscene-geosim radarscene-demo-p
     holds "${debs[2]}" "usr/share/man/man1/$tool.1.gz"
 done
 holds "${debs[2]}" usr/share/radarscene/view/index.html
+holds "${debs[2]}" lib/systemd/system/radarscene-view.service
 holds "${debs[2]}" usr/share/dbus-1/system.d/com.tessel.GeoLocation1.conf
 holds "${debs[0]}" usr/share/dbus-1/system.d/com.tessel.RadarSceneProvider1.conf
 holds "${debs[3]}" usr/lib/python3/dist-packages/radarscene/scene_pb2.py

@@ -4,7 +4,7 @@
 # the view must hold against. Each command prints what went wrong and exits
 # non-zero, or exits 0.
 # Usage: view_guard.py COMMAND PORT [ARGS]...
-import base64, hashlib, json, os, select, socket, struct, sys, time
+import base64, hashlib, json, os, select, socket, ssl, struct, sys, threading, time
 
 PROTOCOL = "foxglove.websocket.v1"
 GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
@@ -28,16 +28,21 @@ class Viewer:
     """One WebSocket connection: the handshake, masked frames out, and the
     server's frames in, fragments joined."""
 
-    def __init__(self, port, protocol=PROTOCOL, rcvbuf=None, host="127.0.0.1"):
+    def __init__(self, port, protocol=PROTOCOL, rcvbuf=None, host="127.0.0.1", source=None,
+                 headers="", path="/", tls=None):
         self.sock = socket.socket()
         if rcvbuf:
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, rcvbuf)
+        if source:
+            self.sock.bind((source, 0))
         self.sock.settimeout(10)
         self.sock.connect((host, port))
+        if tls:
+            self.sock = tls.wrap_socket(self.sock, server_hostname="localhost")
         key = base64.b64encode(os.urandom(16))
-        request = (f"GET / HTTP/1.1\r\nHost: {host}:{port}\r\nUpgrade: websocket\r\n"
+        request = (f"GET {path} HTTP/1.1\r\nHost: {host}:{port}\r\nUpgrade: websocket\r\n"
                    f"Connection: Upgrade\r\nSec-WebSocket-Key: {key.decode()}\r\n"
-                   "Sec-WebSocket-Version: 13\r\n")
+                   "Sec-WebSocket-Version: 13\r\n" + headers)
         if protocol:
             request += f"Sec-WebSocket-Protocol: {protocol}\r\n"
         self.sock.sendall((request + "\r\n").encode())
@@ -50,6 +55,7 @@ class Viewer:
         head, _, self.buffer = self.buffer.partition(b"\r\n\r\n")
         lines = head.decode("latin-1").split("\r\n")
         self.status = int(lines[0].split()[1]) if lines[0] else 0
+        self.headers = lines[1:]
         headers = {k.strip().lower(): v.strip() for k, _, v in (l.partition(":") for l in lines[1:])}
         accept = base64.b64encode(hashlib.sha1(key + GUID).digest()).decode()
         if self.status == 101 and headers.get("sec-websocket-accept") != accept:
@@ -112,7 +118,7 @@ class Viewer:
                 data += payload
                 if b0 & 0x80:
                     return opcode, data
-        except (EOFError, ConnectionError, socket.timeout):
+        except (EOFError, OSError):
             return None
 
     def texts_until(self, condition):
@@ -163,7 +169,8 @@ def serving(port):
 
 def closing(port, max_clients):
     """A subscribed viewer's close is echoed at once with 1000; one viewer
-    beyond the limit, when all are busy, gets a close frame with a reason."""
+    beyond the limit, when all read what they subscribed to, gets a close
+    frame with a reason."""
     v = Viewer(port)
     v.subscribe("foxglove.SceneUpdate")
     if v.data() is None:
@@ -176,11 +183,19 @@ def closing(port, max_clients):
         fail(f"the close was answered with {v.close_code} instead of 1000")
     busy = [Viewer(port) for _ in range(max_clients)]
     for b in busy:
-        b.subscribe("foxglove.SceneUpdate")
+        b.subscribe("RadarScene.Scene")
+        b.data()
+    readers = [threading.Thread(target=lambda b=b: [0 for _ in iter(b.frame, None)]) for b in busy]
+    for r in readers:
+        r.start()
     refused = Viewer(port)
     refused.sock.settimeout(5)
     while refused.frame() is not None:
         pass
+    for b in busy:
+        b.sock.shutdown(socket.SHUT_RDWR)
+    for r in readers:
+        r.join()
     if not refused.close_code or "too many viewers" not in refused.close_reason:
         fail(f"a refused viewer got close {refused.close_code} '{refused.close_reason}'")
 
@@ -195,7 +210,8 @@ def flood(port, pid, requests):
     v.send(1, ids.encode())
     v.request({"op": "dance"})
     statuses = []
-    v.texts_until(lambda m: statuses.append(m) or "dance" in m.get("message", ""))
+    # The provider's condition comes with the channels, as information.
+    v.texts_until(lambda m: m.get("level") != 0 and (statuses.append(m) or "dance" in m["message"]))
     if len(statuses) != 2:
         fail(f"{len(statuses) - 1} status messages answer one request")
     v.close()
@@ -212,9 +228,16 @@ def flood(port, pid, requests):
             sent += 1 if sent < requests else 100
             if sent % 100 == 0 and proc(pid, "VmRSS") - start > 64 * 1024:
                 fail(f"resident size grew from {start} to {proc(pid, 'VmRSS')} KiB after {sent} requests")
-        fail("a viewer that never reads its answers stays connected")
     except (BrokenPipeError, ConnectionResetError):
         pass
+    v.sock.settimeout(20)
+    try:
+        while v.sock.recv(65536):
+            pass
+    except ConnectionResetError:
+        pass
+    except socket.timeout:
+        fail("a viewer that never reads its answers stays connected")
     print(f"flood: {sent} requests; resident size {start} KiB, at most {proc(pid, 'VmHWM')} KiB")
 
 
@@ -270,6 +293,207 @@ def location(port):
         fail(f"a fix away from the device: {fix}")
 
 
+def get(port, headers="", host="127.0.0.1", tls=None, path="/"):
+    """A page request's status line and headers."""
+    sock = socket.create_connection((host, port), timeout=10)
+    if tls:
+        sock = tls.wrap_socket(sock, server_hostname="localhost")
+    sock.sendall(f"GET {path} HTTP/1.1\r\nHost: {host}:{port}\r\n{headers}\r\n".encode())
+    answer = b""
+    try:
+        while b"\r\n\r\n" not in answer and (chunk := sock.recv(4096)):
+            answer += chunk
+    except OSError:
+        pass
+    sock.close()
+    lines = answer.decode("latin-1").split("\r\n")
+    return (int(lines[0].split()[1]) if lines[0] else 0), lines[1:]
+
+
+def origin(port):
+    """Pages of other origins are refused with 403, the view's own page and
+    clients without an Origin served; upgrades that are not ours get a
+    status."""
+    own = f"http://127.0.0.1:{port}"
+    for where, headers, expected in [
+            ("a foreign page", "Origin: http://evil.example\r\n", 403),
+            ("a foreign page on the same host", "Origin: http://127.0.0.1:1\r\n", 403),
+            ("a page in a sandbox", "Origin: null\r\n", 403),
+            ("the view's page", f"Origin: {own}\r\n", 101),
+            ("the view's page by name", f"Origin: http://LOCALHOST:{port}\r\n", 101),
+            ("a client without Origin", "", 101)]:
+        if (status := Viewer(port, headers=headers).status) != expected:
+            fail(f"{where}: upgrade answered {status}, not {expected}")
+        if (status := get(port, headers)[0]) != (200 if expected == 101 else expected):
+            fail(f"{where}: page request answered {status}")
+    if (status := Viewer(port, protocol=None).status) != 400:
+        fail(f"an upgrade without the subprotocol answered {status}")
+
+
+def attacker(kind, port, stop):
+    """One peer's attack from 127.0.0.1 until `stop` is set."""
+    held = []
+    while not stop.is_set():
+        try:
+            if kind == "sockets":
+                held.append(socket.create_connection(("127.0.0.1", port), timeout=10))
+                if len(held) >= 400:
+                    stop.wait(0.5)
+                continue
+            v = Viewer(port)
+            held.append(v)
+            if kind == "idle":
+                stop.wait(0.01)
+                continue
+            # The channels as the view numbers them: scene updates, location.
+            v.request({"op": "subscribe", "subscriptions": [{"id": 1, "channelId": 2 if kind == "slow" else 3}]})
+            v.sock.settimeout(0.1)
+            while not stop.is_set():
+                # 4 KB/s for a slow reader; whatever comes for a holder.
+                chunk = v.sock.recv(400 if kind == "slow" else 65536)
+                if not chunk:
+                    break
+                if kind == "slow":
+                    stop.wait(0.1)
+        except OSError:
+            stop.wait(0.05)
+        if kind in ("slow", "silent") and held:
+            held.pop().sock.close()
+    for h in held:
+        (h if isinstance(h, socket.socket) else h.sock).close()
+
+
+def real_viewer(port, seconds):
+    """A viewer from another address that takes its time to subscribe, as a
+    page does: its first scene, then how many it gets in `seconds`."""
+    try:
+        v = Viewer(port, source="127.0.0.2")
+        v.sock.settimeout(30)
+        v.channel("foxglove.SceneUpdate")
+        time.sleep(0.3)
+        v.subscribe("foxglove.SceneUpdate")
+    except OSError as e:
+        fail(f"the real viewer was not served: {e}")
+    if v.data() is None:
+        fail(f"the real viewer got no scene: closed with {v.close_code} '{v.close_reason}'")
+    scenes, end = 0, time.monotonic() + seconds
+    while time.monotonic() < end and v.data() is not None:
+        scenes += 1
+    v.close()
+    return scenes / seconds
+
+
+def attack(port, pid, kind, threads):
+    """A real viewer from another address gets its scenes while one peer
+    attacks; prints its rate and what the view holds."""
+    stop = threading.Event()
+    workers = [threading.Thread(target=attacker, args=(kind, port, stop))
+               for _ in range(threads)]
+    for w in workers:
+        w.start()
+    time.sleep(2)
+    held = f"view {proc(pid, 'VmRSS')} KiB, {descriptors(pid)} descriptors"
+    try:
+        print(f"{kind}: {held}; ", end="", flush=True)
+        print(f"real viewer {real_viewer(port, 3):.1f} scenes/s")
+    finally:
+        stop.set()
+        for w in workers:
+            w.join()
+
+
+def reader(port, subscriptions, stop, received):
+    """A viewer that asks for `subscriptions` subscriptions of the scene
+    updates and reads 100 KB/s."""
+    v = Viewer(port)
+    channel = v.channel("foxglove.SceneUpdate")
+    v.request({"op": "subscribe", "subscriptions": [{"id": i, "channelId": channel}
+                                                     for i in range(1, subscriptions + 1)]})
+    v.sock.settimeout(0.1)
+    while not stop.is_set():
+        try:
+            received.append(len(v.sock.recv(10000)))
+        except OSError:
+            pass
+        stop.wait(0.1)
+    v.sock.close()
+
+
+def many(port, pid):
+    """Fifteen viewers of 64 subscriptions each cost the view at most twice
+    what fifteen ordinary viewers cost, and what they held goes back when
+    they leave."""
+    sizes = {}
+    for subscriptions in (1, 64):
+        stop, received = threading.Event(), []
+        workers = [threading.Thread(target=reader, args=(port, subscriptions, stop, received))
+                   for _ in range(15)]
+        for w in workers:
+            w.start()
+        time.sleep(4)
+        rate = real_viewer(port, 3)
+        sizes[subscriptions] = proc(pid, "VmRSS")
+        stop.set()
+        for w in workers:
+            w.join()
+        print(f"15 viewers of {subscriptions} subscriptions: view {sizes[subscriptions]} KiB, "
+              f"real viewer {rate:.1f} scenes/s")
+    until(lambda: proc(pid, "VmRSS") <= 1.25 * sizes[1], 10)
+    print(f"after they left: view {proc(pid, 'VmRSS')} KiB")
+    if sizes[64] > 2 * sizes[1]:
+        fail(f"64 subscriptions per viewer took the view to {sizes[64]} KiB, from {sizes[1]}")
+    if proc(pid, "VmRSS") > 1.25 * sizes[1]:
+        fail(f"the view keeps {proc(pid, 'VmRSS')} KiB after the viewers left")
+
+
+def backlog(port):
+    """A viewer that lets the answers to its requests pile up is closed with
+    a reason, which it finds once it reads."""
+    v = Viewer(port, rcvbuf=4096)
+    v.sock.settimeout(2)
+    small = Viewer.framed(1, b'{"op":"unsubscribe","subscriptionIds":[0]}') * 1000
+    try:
+        for _ in range(200):
+            v.sock.sendall(small)
+    except socket.timeout:
+        pass  # the view stopped reading it
+    while v.frame() is not None:
+        pass
+    if v.close_code != 1008 or "answers" not in v.close_reason:
+        fail(f"a viewer cut for its backlog got close {v.close_code} '{v.close_reason}'")
+
+
+def secret(port, ca, secret_file):
+    """Over TLS: the secret as a bearer token or in the address lets a viewer
+    in; a page request that gives it gets a cookie that does too; wrong or
+    missing ones get 401, and after ten failures from an address even the
+    right one waits."""
+    tls = ssl.create_default_context(cafile=ca)
+    right = open(secret_file).read().strip()
+    v = Viewer(port, tls=tls, headers=f"Authorization: Bearer {right}\r\n")
+    v.subscribe("foxglove.SceneUpdate")
+    if v.status != 101 or v.data() is None:
+        fail(f"the bearer token: {v.status}")
+    status, headers = get(port, tls=tls, path=f"/?token={right}")
+    cookie = next((h.split(":", 1)[1].split(";")[0].strip() for h in headers
+                   if h.lower().startswith("set-cookie:")), "")
+    if status != 200 or right in cookie or not cookie:
+        fail(f"the page with the secret: {status} {headers}")
+    for headers, path, expected in [("", f"/?token={right}", 101), (f"Cookie: {cookie}\r\n", "/", 101),
+                                    ("", "/", 401), ("Authorization: Bearer x\r\n", "/", 401),
+                                    ("", f"/?token={right[:-1]}", 401),
+                                    ("Cookie: radarscene_view=x\r\n", "/", 401)]:
+        if (status := Viewer(port, tls=tls, headers=headers, path=path).status) != expected:
+            fail(f"{headers.strip() or path}: {status}, not {expected}")
+    statuses = [get(port, "Authorization: Bearer x\r\n", tls=tls)[0] for _ in range(10)]
+    if statuses.count(401) != 6 or statuses[-1] != 429:
+        fail(f"ten wrong secrets more: {statuses}")
+    if (status := get(port, f"Authorization: Bearer {right}\r\n", tls=tls)[0]) != 429:
+        fail(f"the right secret after the failures: {status}")
+    if (status := Viewer(port, tls=tls, source="127.0.0.2", path=f"/?token={right}").status) != 101:
+        fail(f"another address after the failures: {status}")
+
+
 base_fds = [0]
 if __name__ == "__main__":
     command, port = sys.argv[1], int(sys.argv[2])
@@ -284,3 +508,29 @@ if __name__ == "__main__":
         hoard(port, int(sys.argv[3]), int(sys.argv[4]))
     elif command == "location":
         location(port)
+    elif command == "origin":
+        origin(port)
+    elif command == "attack":
+        attack(port, int(sys.argv[3]), sys.argv[4], int(sys.argv[5]))
+    elif command == "many":
+        many(port, int(sys.argv[3]))
+    elif command == "backlog":
+        backlog(port)
+    elif command == "alone":
+        print(f"alone: real viewer {real_viewer(port, 3):.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
+              f"{descriptors(int(sys.argv[3]))} descriptors")
+    elif command == "headers":
+        # Requests whose headers the library has no room for, one at a time.
+        for _ in range(int(sys.argv[3])):
+            get(port, "X-Filler: " + "x" * 9000 + "\r\n")
+    elif command == "unknown-delay":
+        v = Viewer(port)
+        v.subscribe("radarscene.SceneView")
+        scene = json.loads(v.data())
+        sys.exit(0 if scene["delay_ms"] is None else f"a delay of {scene['delay_ms']} ms")
+    elif command == "told":
+        v = Viewer(port)
+        v.sock.settimeout(5)
+        sys.exit(0 if v.texts_until(lambda m: sys.argv[3] in m.get("message", "")) else 1)
+    elif command == "secret":
+        secret(port, sys.argv[3], sys.argv[4])

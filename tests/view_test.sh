@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # radarscene-view against clients that nobody here wrote: the Foxglove
 # WebSocket protocol's own JavaScript client, a flood of bad and many
-# connections, and the page in headless chromium.
+# connections, and the page in headless chromium, over HTTP and over HTTPS
+# with the secret.
 # Usage: view_test.sh <build dir> <bus configuration template>
 set -euo pipefail
 
@@ -15,8 +16,9 @@ start_private_bus "$2"
 "$tools/radarscene-demo-producer" --rate 50 --objects 5 2>/dev/null &
 producer=$!
 pids+=($producer)
+# Many connections come from one address here.
 "$tools/radarscene-view" --wait 10 --listen 127.0.0.1:0 --web-root "$here/../tools/view/web" \
-    2>"$work/view.log" &
+    --max-per-address 300 2>"$work/view.log" &
 view=$!
 pids+=($view)
 for _ in $(seq 50); do grep -q serving "$work/view.log" && break; sleep 0.1; done
@@ -50,7 +52,9 @@ node "$here/js/view_page.mjs" "http://127.0.0.1:$port/" "$build/view-screenshot.
 /usr/bin/python3 - "$work/page.json" <<'EOF2' || fail "page: $(cat "$work/page.json")"
 import json, sys
 page = json.load(open(sys.argv[1]))
-ok = page["drawn"]["objects"] == [100, 101, 102, 103, 104] and page["coloured"] > 500
+drawn = page["drawn"]
+ok = drawn["objects"] == [100, 101, 102, 103, 104] and page["coloured"] > 500
+ok = ok and drawn["arrows"] > 0 and drawn["legend"] and drawn["channel"] == "/radar/0/view"
 sys.exit(0 if ok and " scenes/s · 5 objects · push to display " in page["status"] else 1)
 EOF2
 
@@ -66,13 +70,41 @@ expected='{"malformed":true,"unknownOp":true,"noChannel":true,"binary":true,"ove
 [[ $(cat "$work/bad.json") == "$expected"* ]] || fail "bad input: $(cat "$work/bad.json")"
 grep -q '"answersAfterwards":true' "$work/bad.json" || fail "no answer after the load"
 
-# The provider goes away and comes back: the view follows it.
+# Over HTTPS, with a certificate made here, the page given the secret in its
+# address exchanges it for a cookie and draws; when the provider stops, the
+# picture goes stale and says so.
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=localhost \
+    -addext subjectAltName=DNS:localhost -keyout "$work/view.key" -out "$work/view.crt" 2>/dev/null
+head -c 24 /dev/urandom | od -An -tx1 | tr -d ' \n' >"$work/secret"
+"$tools/radarscene-view" --wait 10 --listen 127.0.0.1:0 --web-root "$here/../tools/view/web" \
+    --tls-cert "$work/view.crt" --tls-key "$work/view.key" --secret-file "$work/secret" \
+    2>"$work/tls.log" &
+pids+=($!)
+for _ in $(seq 50); do grep -q serving "$work/tls.log" && break; sleep 0.1; done
+tls_port=$(sed -n 's|.*serving https://127.0.0.1:\([0-9]*\)/|\1|p' "$work/tls.log")
+spki=$(openssl x509 -in "$work/view.crt" -pubkey -noout | openssl pkey -pubin -outform der |
+    openssl dgst -sha256 -binary | base64)
+node "$here/js/view_page.mjs" "https://localhost:$tls_port/?token=$(cat "$work/secret")" \
+    "$build/view-screenshot-tls.png" "$spki" stale >"$work/tls-page.json" &
+page=$!
+for _ in $(seq 300); do [[ -s $work/tls-page.json ]] && break; sleep 0.1; done
+
+# The provider goes away and comes back: the view follows it, and a viewer
+# that comes meanwhile is told.
 gone() { grep -c "the provider went away; waiting for it to come back" "$work/view.log" || true; }
 before=$(gone)
 kill -INT "$producer"
 wait "$producer"
 for _ in $(seq 50); do (($(gone) > before)) && break; sleep 0.1; done
 (($(gone) > before)) || fail "the provider's going unnoticed: $(cat "$work/view.log")"
+/usr/bin/python3 "$here/view_guard.py" told "$port" "went away" || fail "a new viewer is not told"
+wait "$page" || fail "the page over HTTPS: $(cat "$work/tls-page.json" "$work/tls.log")"
+/usr/bin/python3 - "$work/tls-page.json" <<'EOF2' || fail "page over HTTPS: $(cat "$work/tls-page.json")"
+import json, sys
+live, stale = (json.loads(line) for line in open(sys.argv[1]))
+ok = live["drawn"]["objects"] and "token" not in live["address"] and not live["drawn"]["stale"]
+sys.exit(0 if ok and "no scene for" in stale["status"] and "went away" in stale["notice"] else 1)
+EOF2
 "$tools/radarscene-demo-producer" --rate 50 --objects 5 2>/dev/null &
 pids+=($!)
 node "$here/js/view_client.mjs" "ws://127.0.0.1:$port/" 5 >/dev/null ||

@@ -1,16 +1,26 @@
 // The viewer's page in a real browser: Debian's chromium, headless, driven
 // by puppeteer-core. Waits until the page has drawn scenes, keeps a
 // screenshot, and prints one JSON line: what the page says it drew, its
-// status line, and how many pixels carry the objects' colours.
-// Usage: node view_page.mjs <url> <screenshot.png>
+// status line, notice and address, and how many pixels carry the objects'
+// colours. With "stale", it then waits for the picture to go stale (the
+// test stops the provider) and prints a second line.
+// Usage: node view_page.mjs <url> <screenshot.png> [<certificate SPKI hash>] [stale]
 import puppeteer from "puppeteer-core";
 
-const [url, screenshot] = process.argv.slice(2);
+const [url, screenshot, spki, stale] = process.argv.slice(2);
 const browser = await puppeteer.launch({
   executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
   headless: true,
-  args: ["--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"],
+  args: ["--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+    ...(spki ? [`--ignore-certificate-errors-spki-list=${spki}`] : [])],
 });
+const seen = (page) =>
+  page.evaluate(() => ({
+    drawn: window.radarView.drawn,
+    status: document.getElementById("status").textContent,
+    notice: document.getElementById("notice").textContent,
+    address: location.href,
+  }));
 try {
   const page = await browser.newPage();
   await page.setViewport({ width: 900, height: 700 });
@@ -21,10 +31,9 @@ try {
       !document.getElementById("status").textContent.startsWith("0.0"),
     { timeout: 20000 },
   );
-  const drawn = await page.evaluate(() => window.radarView.drawn);
-  const status = await page.$eval("#status", (element) => element.textContent);
+  const result = await seen(page);
   await page.screenshot({ path: screenshot });
-  const coloured = await page.evaluate(() => {
+  result.coloured = await page.evaluate(() => {
     const canvas = document.getElementById("radar");
     const pixels = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height).data;
     let count = 0;
@@ -35,7 +44,14 @@ try {
     }
     return count;
   });
-  console.log(JSON.stringify({ drawn, status, coloured }));
+  console.log(JSON.stringify(result));
+  if (stale) {
+    await page.waitForFunction(
+      () => window.radarView.drawn.stale && document.getElementById("notice").textContent,
+      { timeout: 30000 },
+    );
+    console.log(JSON.stringify(await seen(page)));
+  }
 } finally {
   await browser.close();
 }

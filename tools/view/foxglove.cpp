@@ -104,6 +104,10 @@ std::optional<std::string> FoxgloveSession::handleText(std::string_view text,
                 note("channel " + std::to_string(channel) + " does not exist");
             } else if (subscriptions_.count(id)) {
                 note("subscription " + std::to_string(id) + " is already in use");
+            } else if (subscribed(channel)) {
+                // A second subscription would only send the same messages
+                // twice.
+                note("channel " + std::to_string(channel) + " is already subscribed");
             } else if (subscriptions_.size() >= MAX_SUBSCRIPTIONS) {
                 note("too many subscriptions");
             } else {

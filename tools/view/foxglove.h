@@ -35,7 +35,7 @@ std::string foxglove_message_data(uint32_t subscription, uint64_t timestamp_ns,
                                   std::string_view payload);
 
 // One client's subscriptions, as its "subscribe" and "unsubscribe" requests
-// leave them.
+// leave them: at most one per channel.
 class FoxgloveSession {
 public:
     static constexpr size_t MAX_SUBSCRIPTIONS = 64;

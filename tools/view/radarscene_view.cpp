@@ -34,8 +34,21 @@ WebSocket protocol on the same port for other viewers.
       --listen ADDR:PORT where to serve: an IPv4 or IPv6 address ([ADDR] for
                          IPv6) or a name that resolves (default 127.0.0.1:8765;
                          port 0 picks a free one); beyond the loopback address
-                         anyone who reaches it sees the radar
+                         it needs --tls-cert, --tls-key and --secret-file
+      --tls-cert FILE    serve HTTPS and WSS with this certificate (PEM)...
+      --tls-key FILE     ...and its private key (PEM)
+      --secret-file FILE every request needs the secret in this file: as
+                         "Authorization: Bearer SECRET", as ?token=SECRET in
+                         the address, or the cookie the page gets for it
+      --insecure-listener
+                         allow listening beyond the loopback address without
+                         TLS or secret: whoever reaches the port sees the radar
+      --allow-origin ORIGIN
+                         also serve pages of ORIGIN (scheme://host:port), for
+                         example a tunnel's local end; repeatable
       --max-clients N    viewers served at once (default 16)
+      --max-per-address N
+                         connections from one address at once (default 8)
       --web-root DIR     the page's files (default: )" RADARSCENE_VIEW_WEB_ROOT R"( from
                          the folder that holds radarscene-view)
   -h, --help             show this text and exit
@@ -58,14 +71,88 @@ std::string installed_web_root() {
     return program.substr(0, program.rfind('/') + 1) + RADARSCENE_VIEW_WEB_ROOT;
 }
 
+// "ADDRESS:PORT" or "[IPV6]:PORT".
+void parse_listen(const char* value, view_server_options_t& server) {
+    std::string text = value;
+    size_t colon = text.rfind(':');
+    bool bracketed = !text.empty() && text.front() == '[';
+    size_t close = text.find(']');
+    if (colon == std::string::npos || colon == 0 ||
+        (bracketed && (close == std::string::npos || close + 1 != colon))) {
+        tool_fail("--listen needs ADDRESS:PORT ([ADDRESS]:PORT for IPv6), not '%s'", value);
+    }
+    server.address = bracketed ? text.substr(1, close - 1) : text.substr(0, colon);
+    server.port = static_cast<int>(tool_integer(value + colon + 1, "--listen", 0, 65535));
+}
+
+// The secret in `file`, without the line end that editors add. It never
+// appears on a command line, where every user of the machine would see it.
+std::string read_secret(const char* file) {
+    FILE* f = fopen(file, "re");
+    if (!f) {
+        tool_fail("cannot read %s: %s", file, strerror(errno));
+    }
+    char buffer[1025];
+    size_t n = fread(buffer, 1, sizeof buffer, f);
+    bool failed = ferror(f);
+    fclose(f);
+    std::string secret(buffer, n);
+    while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r')) {
+        secret.pop_back();
+    }
+    if (failed || n == sizeof buffer || secret.size() < 16 ||
+        secret.find_first_of(" \t\r\n&;=%+#") != std::string::npos) {
+        tool_fail(
+            "%s: the secret must be one line of 16 to 1024 characters, without blanks "
+            "or any of &;=%%+#",
+            file);
+    }
+    return secret;
+}
+
+// "scheme://host[:port]", kept in lower case without a final slash.
+std::string parse_origin(const char* value) {
+    std::string origin = value;
+    while (!origin.empty() && origin.back() == '/') {
+        origin.pop_back();
+    }
+    if (origin.find("://") == std::string::npos ||
+        origin.find('/', origin.find("://") + 3) != std::string::npos) {
+        tool_fail("--allow-origin needs SCHEME://HOST:PORT, not '%s'", value);
+    }
+    for (char& c : origin) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return origin;
+}
+
 options_t parse_options(int argc, char** argv) {
-    enum { CHANNEL = 1, WAIT, LISTEN, MAX_CLIENTS, WEB_ROOT };
-    static const option long_options[] = {{"channel", required_argument, nullptr, CHANNEL},
-                                          {"wait", required_argument, nullptr, WAIT},
-                                          {"listen", required_argument, nullptr, LISTEN},
-                                          {"max-clients", required_argument, nullptr, MAX_CLIENTS},
-                                          {"web-root", required_argument, nullptr, WEB_ROOT},
-                                          {nullptr, 0, nullptr, 0}};
+    enum {
+        CHANNEL = 1,
+        WAIT,
+        LISTEN,
+        MAX_CLIENTS,
+        WEB_ROOT,
+        TLS_CERT,
+        TLS_KEY,
+        SECRET_FILE,
+        INSECURE,
+        ALLOW_ORIGIN,
+        MAX_PER_ADDRESS
+    };
+    static const option long_options[] = {
+        {"channel", required_argument, nullptr, CHANNEL},
+        {"wait", required_argument, nullptr, WAIT},
+        {"listen", required_argument, nullptr, LISTEN},
+        {"max-clients", required_argument, nullptr, MAX_CLIENTS},
+        {"web-root", required_argument, nullptr, WEB_ROOT},
+        {"tls-cert", required_argument, nullptr, TLS_CERT},
+        {"tls-key", required_argument, nullptr, TLS_KEY},
+        {"secret-file", required_argument, nullptr, SECRET_FILE},
+        {"insecure-listener", no_argument, nullptr, INSECURE},
+        {"allow-origin", required_argument, nullptr, ALLOW_ORIGIN},
+        {"max-per-address", required_argument, nullptr, MAX_PER_ADDRESS},
+        {nullptr, 0, nullptr, 0}};
     options_t options;
     options.server.web_root = installed_web_root();
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
@@ -76,21 +163,9 @@ options_t parse_options(int argc, char** argv) {
             case WAIT:
                 options.wait = tool_number(value, "--wait", 0, 3600);
                 break;
-            case LISTEN: {
-                const char* colon = strrchr(value, ':');
-                if (!colon || colon == value) {
-                    tool_fail("--listen needs ADDRESS:PORT, not '%s'", value);
-                }
-                options.server.address.assign(value, static_cast<size_t>(colon - value));
-                if (options.server.address.size() > 2 && options.server.address.front() == '[' &&
-                    options.server.address.back() == ']') {
-                    options.server.address =
-                        options.server.address.substr(1, options.server.address.size() - 2);
-                }
-                options.server.port =
-                    static_cast<int>(tool_integer(colon + 1, "--listen", 0, 65535));
+            case LISTEN:
+                parse_listen(value, options.server);
                 break;
-            }
             case MAX_CLIENTS:
                 options.server.max_clients =
                     static_cast<size_t>(tool_integer(value, "--max-clients", 1, 1000));
@@ -98,9 +173,31 @@ options_t parse_options(int argc, char** argv) {
             case WEB_ROOT:
                 options.server.web_root = value;
                 break;
+            case TLS_CERT:
+                options.server.tls_cert = value;
+                break;
+            case TLS_KEY:
+                options.server.tls_key = value;
+                break;
+            case SECRET_FILE:
+                options.server.secret = read_secret(value);
+                break;
+            case INSECURE:
+                options.server.insecure_listener = true;
+                break;
+            case ALLOW_ORIGIN:
+                options.server.allowed_origins.push_back(parse_origin(value));
+                break;
+            case MAX_PER_ADDRESS:
+                options.server.max_per_address =
+                    static_cast<size_t>(tool_integer(value, "--max-per-address", 1, 1000));
+                break;
         }
     });
     tool_no_arguments(argc, argv);
+    if (options.server.tls_cert.empty() != options.server.tls_key.empty()) {
+        tool_fail("--tls-cert and --tls-key go together");
+    }
     return options;
 }
 
@@ -195,7 +292,7 @@ int run(const options_t& options) {
     int stop_fd = tool_stop_signals();
     ViewServer server(options.server, channels(options.channel));
     bool ipv6 = server.address().find(':') != std::string::npos;
-    fprintf(stderr, "radarscene-view: serving http://%s%s%s:%d/\n", ipv6 ? "[" : "",
+    fprintf(stderr, "radarscene-view: serving %s://%s%s%s:%d/\n", server.scheme(), ipv6 ? "[" : "",
             server.address().c_str(), ipv6 ? "]" : "", server.port());
     // The first subscription is made here, so that its failure ends the tool
     // before any other thread runs; the bus then belongs to the subscriber.

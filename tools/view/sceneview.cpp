@@ -187,7 +187,13 @@ std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t&
         }
         objects.push_back(object);
     }
-    return json{{"time", scene.time()}, {"delay_ms", delay_ms}, {"objects", objects}}.dump();
+    // Scene times far off this machine's monotonic clock (a recording of
+    // another boot or machine) give no delay.
+    bool known = delay_ms > -1e3 && delay_ms < 60e3;
+    return json{{"time", scene.time()},
+                {"delay_ms", known ? json(delay_ms) : json(nullptr)},
+                {"objects", objects}}
+        .dump();
 }
 
 std::optional<std::string> location_fix_json(uint64_t stamp_ns) {
@@ -267,7 +273,7 @@ const char* const SCENE_VIEW_SCHEMA = R"json({
                   "type" : "object", "properties" : {
     "time" : {"type" : "integer", "description" : "the scene's own time, ns"},
              "delay_ms"
-        : {"type" : "number", "description" : "from the producer's push to the viewer's reception"},
+        : {"type" : ["number", "null"], "description" : "from the producer's push to the viewer's reception; null when the scene's time is of another clock"},
           "objects" : {
         "type" : "array", "items" : {
             "type" : "object", "properties" : {

@@ -23,7 +23,9 @@ using class_names_t = std::map<int32_t, std::string>;
 // `stamp_ns` is the wall-clock time of reception, which the entities carry.
 std::string scene_update_json(const RadarScene::Scene& scene, const class_names_t& names,
                               uint64_t stamp_ns);
-// `delay_ms` is the time from the producer's push to reception.
+// `delay_ms` is the time from the producer's push to reception; beyond a
+// minute, or a second before the push, the scene's time is of another clock
+// and the delay is unknown (null).
 std::string scene_view_json(const RadarScene::Scene& scene, const class_names_t& names,
                             double delay_ms);
 // The device's position, while the geolocation service reports it valid.

@@ -1,9 +1,14 @@
 // The viewer's server on libwebsockets.
 #include "viewserver.h"
 
+#include "common/log.h"
+
 #include <libwebsockets.h>
 
+#include <malloc.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +18,7 @@
 #include <deque>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 
 namespace {
 
@@ -31,6 +37,10 @@ constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
 // connections (pages, upgrades) there may be per viewer allowed.
 constexpr unsigned HANDSHAKE_TIMEOUT_S = 5;
 constexpr size_t CONNECTIONS_PER_VIEWER = 4;
+// A viewer that took at least as many of its messages as were replaced
+// unsent within this and the window before reads what it asked for and
+// keeps its place.
+constexpr int64_t READING_WINDOW_NS = 2'000'000'000;
 // Descriptors kept for everything else: listening, the cancel pipe, the bus,
 // the scene stream, the page's files.
 constexpr size_t SPARE_DESCRIPTORS = 32;
@@ -40,13 +50,10 @@ int on_event(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t
     return server->callback(wsi, reason, user, in, len);
 }
 
-// Files, and WebSocket upgrades that ask for no subprotocol of ours: those
-// are refused.
+// Connections, files, and WebSocket upgrades before they reach a protocol.
 int on_http(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len) {
-    if (reason == LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION) {
-        return 1;
-    }
-    return lws_callback_http_dummy(wsi, reason, user, in, len);
+    auto* server = static_cast<ViewServer*>(lws_context_user(lws_get_context(wsi)));
+    return server->httpCallback(wsi, reason, user, in, len);
 }
 
 const lws_protocols PROTOCOLS[] = {
@@ -54,8 +61,61 @@ const lws_protocols PROTOCOLS[] = {
     {"foxglove.websocket.v1", on_event, sizeof(void*), MAX_CLIENT_MESSAGE, 0, nullptr, 0},
     {nullptr, nullptr, 0, 0, 0, nullptr, 0}};
 
+// The library's lines go through the log's limiter: a client can make it
+// write one per request.
 void log_line(int, const char* line) {
-    fprintf(stderr, "radarscene-view: libwebsockets: %s", line);
+    size_t n = strlen(line);
+    while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) {
+        --n;
+    }
+    log_error("radarscene-view: libwebsockets: %.*s", static_cast<int>(n), line);
+}
+
+int64_t now_ns() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+bool loopback(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) {
+        auto* in = reinterpret_cast<const sockaddr_in*>(&address);
+        return (ntohl(in->sin_addr.s_addr) >> 24) == 127;
+    }
+    return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(&address)->sin6_addr);
+}
+
+// A header's value, cut at `max` bytes; empty when absent.
+std::string header(lws* wsi, lws_token_indexes token, size_t max = 1024) {
+    int n = lws_hdr_total_length(wsi, token);
+    if (n <= 0 || static_cast<size_t>(n) > max) {
+        return {};
+    }
+    std::string value(static_cast<size_t>(n) + 1, '\0');
+    n = lws_hdr_copy(wsi, value.data(), static_cast<int>(value.size()), token);
+    value.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return value;
+}
+
+std::string peer_host(lws* wsi) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    getpeername(lws_get_socket_fd(wsi), reinterpret_cast<sockaddr*>(&peer), &length);
+    return view_access_host(peer);
+}
+
+std::string random_hex(size_t bytes) {
+    std::string raw(bytes, '\0');
+    if (getrandom(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size())) {
+        throw std::runtime_error(std::string("getrandom: ") + strerror(errno));
+    }
+    static const char DIGITS[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char c : raw) {
+        hex += DIGITS[c >> 4];
+        hex += DIGITS[c & 15];
+    }
+    return hex;
 }
 
 // "address:port", the address in brackets when it is IPv6.
@@ -77,6 +137,11 @@ sockaddr_storage listen_address(const std::string& address, int port, std::strin
     }
     sockaddr_storage chosen{};
     memcpy(&chosen, found->ai_addr, found->ai_addrlen);
+    if (chosen.ss_family == AF_INET6 &&
+        IN6_IS_ADDR_V4MAPPED(&reinterpret_cast<sockaddr_in6*>(&chosen)->sin6_addr)) {
+        freeaddrinfo(found);
+        throw std::runtime_error(where + "an IPv4-mapped address; give the IPv4 address itself");
+    }
     socklen_t length = found->ai_addrlen;
     freeaddrinfo(found);
     char host[NI_MAXHOST];
@@ -110,26 +175,77 @@ unsigned connection_limit(size_t max_clients) {
 
 }  // namespace
 
+// A message waiting for a viewer: its own head (a text message, or the
+// header of a message-data frame) and the payload it shares with every
+// other viewer of the channel.
+struct message_t {
+    std::string head;
+    std::shared_ptr<const std::string> body;
+    size_t size() const { return head.size() + (body ? body->size() : 0); }
+    // Copies `n` bytes from `at` to `to`.
+    void copy(size_t at, size_t n, unsigned char* to) const {
+        size_t from_head = at < head.size() ? std::min(n, head.size() - at) : 0;
+        memcpy(to, head.data() + at, from_head);
+        if (n > from_head) {
+            memcpy(to + from_head, body->data() + (at + from_head - head.size()), n - from_head);
+        }
+    }
+};
+
 struct ViewServer::viewer_t {
     lws* wsi = nullptr;
     FoxgloveSession session;
-    std::string out;  // the message going out, `out_at` bytes of it sent
+    message_t out;  // the message going out, `out_at` bytes of it sent
     size_t out_at = 0;
     lws_write_protocol out_kind = LWS_WRITE_TEXT;
-    std::deque<std::string> text;          // in order: info, channels, statuses
-    size_t text_bytes = 0;                 // in `text`
-    std::map<uint32_t, std::string> data;  // subscription -> its newest message
-    std::string rx;                        // a text message arriving in fragments
+    std::deque<std::string> text;        // in order: info, channels, statuses
+    size_t text_bytes = 0;               // in `text`
+    std::map<uint32_t, message_t> data;  // subscription -> its newest message
+    std::string rx;                      // a text message arriving in fragments
     bool binary_refused = false;
     bool stall_timer = false;  // a timeout runs while something waits unsent
     bool dropped = false;      // being disconnected at once
     bool closing = false;      // close once the text is out, with this status and reason
     uint64_t serial = 0;       // in the order of arrival
+    int64_t connected_at = 0;
+    std::string host;  // its address
     lws_close_status close_status = LWS_CLOSE_STATUS_NORMAL;
     std::string close_reason;
+    // Whether it takes what it subscribed to: messages taken whole and
+    // messages replaced unsent, in the current window and the one before.
+    int64_t window_at = 0;
+    unsigned taken[2] = {0, 0};
+    unsigned replaced[2] = {0, 0};
 };
 
 namespace {
+
+// Starts a new window of the reading tally when the current one is over.
+void roll_tally(ViewServer::viewer_t& viewer, int64_t now) {
+    if (now - viewer.window_at < READING_WINDOW_NS) {
+        return;
+    }
+    bool adjacent = now - viewer.window_at < 2 * READING_WINDOW_NS;
+    viewer.taken[1] = adjacent ? viewer.taken[0] : 0;
+    viewer.replaced[1] = adjacent ? viewer.replaced[0] : 0;
+    viewer.taken[0] = viewer.replaced[0] = 0;
+    viewer.window_at = now;
+}
+
+// How much a viewer's place is worth: 0 subscribes to nothing, 1 subscribes
+// but does not take what it is sent (or is sent nothing), 2 reads: it took
+// at least as many of its messages as were replaced unsent, and took some or
+// has its first on the way.
+int standing(ViewServer::viewer_t& viewer, int64_t now) {
+    if (viewer.session.empty()) {
+        return 0;
+    }
+    roll_tally(viewer, now);
+    unsigned taken = viewer.taken[0] + viewer.taken[1];
+    bool sending = !viewer.data.empty() ||
+                   (viewer.out_kind == LWS_WRITE_BINARY && viewer.out_at < viewer.out.size());
+    return viewer.replaced[0] + viewer.replaced[1] <= taken && (taken > 0 || sending) ? 2 : 1;
+}
 
 bool waiting(const ViewServer::viewer_t& viewer) {
     return viewer.out_at < viewer.out.size() || !viewer.text.empty() ||
@@ -140,33 +256,19 @@ bool waiting(const ViewServer::viewer_t& viewer) {
 bool next_message(ViewServer::viewer_t& viewer) {
     viewer.out_at = 0;
     if (!viewer.text.empty()) {
-        viewer.out = std::move(viewer.text.front());
+        viewer.out = {std::move(viewer.text.front()), nullptr};
         viewer.text.pop_front();
-        viewer.text_bytes -= viewer.out.size();
+        viewer.text_bytes -= viewer.out.head.size();
         viewer.out_kind = LWS_WRITE_TEXT;
     } else if (!viewer.data.empty() && !viewer.closing) {
         viewer.out = std::move(viewer.data.begin()->second);
         viewer.data.erase(viewer.data.begin());
         viewer.out_kind = LWS_WRITE_BINARY;
     } else {
-        viewer.out.clear();
+        viewer.out = {};
         return false;
     }
     return true;
-}
-
-// Queues an answer; a viewer whose answers pile up beyond the bound is
-// disconnected, which also frees them.
-void queue_text(ViewServer::viewer_t& viewer, std::string message) {
-    viewer.text_bytes += message.size();
-    viewer.text.push_back(std::move(message));
-    if (viewer.text_bytes > MAX_QUEUED_TEXT && !viewer.dropped) {
-        viewer.text.clear();
-        viewer.data.clear();
-        viewer.text_bytes = 0;
-        viewer.dropped = true;
-        lws_set_timeout(viewer.wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
-    }
 }
 
 // Starts or stops the stall timeout as something waits or not: a viewer that
@@ -193,14 +295,39 @@ void want_write(ViewServer::viewer_t& viewer) {
     }
 }
 
-// Sends `status` as the last message, then closes with `code` and it.
-void close_with(ViewServer::viewer_t& viewer, lws_close_status code, const std::string& reason) {
+// Closes with `code` and `reason` once what is being sent is out.
+void close_after(ViewServer::viewer_t& viewer, lws_close_status code, const std::string& reason) {
     viewer.data.clear();
-    queue_text(viewer, foxglove_status(FOXGLOVE_ERROR, reason));
     viewer.closing = true;
     viewer.close_status = code;
     viewer.close_reason = reason;
     want_write(viewer);
+}
+
+// Queues an answer; a viewer whose answers pile up beyond the bound loses
+// them and is closed with a reason.
+void queue_text(ViewServer::viewer_t& viewer, std::string message) {
+    if (viewer.closing) {
+        return;
+    }
+    viewer.text_bytes += message.size();
+    viewer.text.push_back(std::move(message));
+    if (viewer.text_bytes > MAX_QUEUED_TEXT) {
+        viewer.text.clear();
+        viewer.text_bytes = 0;
+        // What it sends meanwhile would keep the close frame from going out.
+        lws_rx_flow_control(viewer.wsi, 0);
+        close_after(viewer, LWS_CLOSE_STATUS_POLICY_VIOLATION,
+                    "too many answers waiting to be read");
+    }
+}
+
+// Sends `reason` as an error status, the last message, then closes with
+// `code` and it.
+void close_with(ViewServer::viewer_t& viewer, lws_close_status code, const std::string& reason) {
+    viewer.data.clear();
+    queue_text(viewer, foxglove_status(FOXGLOVE_ERROR, reason));
+    close_after(viewer, code, reason);
 }
 
 }  // namespace
@@ -213,6 +340,10 @@ ViewServer::ViewServer(const view_server_options_t& options,
         wanted_[c.id] = false;
     }
     lws_set_log_level(LLL_ERR, log_line);
+    if (::access((options_.web_root + "/index.html").c_str(), R_OK) != 0) {
+        throw std::runtime_error("no page in " + options_.web_root +
+                                 ": index.html: " + strerror(errno));
+    }
     scratch_.resize(LWS_PRE + FRAGMENT);
     mount_ = std::make_unique<lws_http_mount>();
     mount_->mountpoint = "/";
@@ -220,7 +351,26 @@ ViewServer::ViewServer(const view_server_options_t& options,
     mount_->origin = options_.web_root.c_str();
     mount_->def = "index.html";
     mount_->origin_protocol = LWSMPRO_FILE;
+    mount_->protocol = "http";  // which adds the cookie to the page
     sockaddr_storage address = listen_address(options_.address, options_.port, address_);
+    bool tls = !options_.tls_cert.empty();
+    if (!loopback(address) && !options_.insecure_listener && (!tls || options_.secret.empty())) {
+        std::string missing = !tls ? "TLS (--tls-cert and --tls-key)" : "";
+        if (options_.secret.empty()) {
+            missing += std::string(missing.empty() ? "" : " and ") + "a secret (--secret-file)";
+        }
+        throw std::runtime_error("listening on " + endpoint(address_, options_.port) +
+                                 ", beyond the loopback address, needs " + missing +
+                                 ", or --insecure-listener");
+    }
+    for (const std::string& file : {options_.tls_cert, options_.tls_key}) {
+        if (!file.empty() && ::access(file.c_str(), R_OK) != 0) {
+            throw std::runtime_error("cannot read " + file + ": " + strerror(errno));
+        }
+    }
+    access_.secret = options_.secret;
+    access_.session = random_hex(32);
+    access_.max_per_address = options_.max_per_address;
     lws_context_creation_info info{};
     info.port = options_.port;
     info.iface = address_.c_str();
@@ -233,13 +383,29 @@ ViewServer::ViewServer(const view_server_options_t& options,
     info.options |= address.ss_family == AF_INET ? LWS_SERVER_OPTION_DISABLE_IPV6
                                                  : LWS_SERVER_OPTION_IPV6_V6ONLY_MODIFY |
                                                        LWS_SERVER_OPTION_IPV6_V6ONLY_VALUE;
+    if (tls) {
+        info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
+        info.ssl_cert_filepath = options_.tls_cert.c_str();
+        info.ssl_private_key_filepath = options_.tls_key.c_str();
+    }
+    // Connections that say nothing, and idle ones between requests, end
+    // after the handshake's time.
     info.timeout_secs = HANDSHAKE_TIMEOUT_S;
+    info.timeout_secs_ah_idle = HANDSHAKE_TIMEOUT_S;
+    info.keepalive_timeout = HANDSHAKE_TIMEOUT_S;
     info.fd_limit_per_thread = connection_limit(options_.max_clients);
     context_ = lws_create_context(&info);
     if (!context_) {
-        throw std::runtime_error("cannot listen on " + endpoint(address_, options_.port));
+        throw std::runtime_error(
+            "cannot listen on " + endpoint(address_, options_.port) +
+            (tls ? " with the certificate " + options_.tls_cert + " and the key " + options_.tls_key
+                 : ""));
     }
     port_ = lws_get_vhost_listen_port(lws_get_vhost_by_name(context_, "default"));
+    view_access_add_own_origins(access_, scheme(), options_.address, address_, port_);
+    for (const std::string& origin : options_.allowed_origins) {
+        access_.origins.insert(origin);
+    }
 }
 
 ViewServer::~ViewServer() {
@@ -258,6 +424,7 @@ void ViewServer::broadcast(foxglove_status_level_t level, const std::string& mes
     {
         std::lock_guard lock(inbox_mutex_);
         statuses_.push_back(foxglove_status(level, message));
+        inbox_condition_ = statuses_.back();
     }
     lws_cancel_service(context_);
 }
@@ -269,6 +436,19 @@ bool ViewServer::wanted(uint32_t channel) const {
 
 void ViewServer::run() {
     while (!stopping_ && lws_service(context_, 0) >= 0) {
+        trimMemory();
+        log_report_suppressed();
+    }
+}
+
+// Once a second at most, after viewers left: what they held goes back to
+// the system, instead of staying with the allocator.
+void ViewServer::trimMemory() {
+    int64_t now = now_ns();
+    if (trim_due_ && now - trimmed_at_ >= 1'000'000'000) {
+        malloc_trim(0);
+        trim_due_ = false;
+        trimmed_at_ = now;
     }
 }
 
@@ -288,7 +468,8 @@ void ViewServer::updateWanted() {
 }
 
 // On the service thread: hands the newest messages and statuses to the
-// viewers.
+// viewers. Each channel's message is made once and shared; only its
+// 13-byte header is each subscription's own.
 void ViewServer::deliver() {
     std::map<uint32_t, std::pair<uint64_t, std::string>> inbox;
     std::vector<std::string> statuses;
@@ -296,6 +477,11 @@ void ViewServer::deliver() {
         std::lock_guard lock(inbox_mutex_);
         inbox.swap(inbox_);
         statuses.swap(statuses_);
+        condition_ = inbox_condition_;
+    }
+    std::map<uint32_t, std::shared_ptr<const std::string>> shared;
+    for (auto& [channel, message] : inbox) {
+        shared[channel] = std::make_shared<const std::string>(std::move(message.second));
     }
     for (auto& [wsi, viewer] : viewers_) {
         if (viewer->closing || viewer->dropped) {
@@ -304,41 +490,67 @@ void ViewServer::deliver() {
         for (const std::string& status : statuses) {
             queue_text(*viewer, status);
         }
+        roll_tally(*viewer, now_ns());
         for (const auto& [channel, message] : inbox) {
             for (uint32_t subscription : viewer->session.subscriptionsOf(channel)) {
-                viewer->data[subscription] =
-                    foxglove_message_data(subscription, message.first, message.second);
+                auto [slot, fresh] = viewer->data.try_emplace(subscription);
+                viewer->replaced[0] += !fresh;
+                slot->second = {foxglove_message_data(subscription, message.first, {}),
+                                shared[channel]};
             }
         }
         want_write(*viewer);
     }
 }
 
-// A new viewer beyond the limit takes the place of the oldest one that
-// subscribes to nothing; when all subscribe, it is refused.
+// A new viewer beyond the limit takes the place of one that subscribes to
+// nothing, or else of one that does not take what it subscribed to; among
+// those, of one from the address with the most viewers, the oldest first.
+// A viewer that reads is never replaced: when all read, the new one is
+// refused.
 void ViewServer::admit(viewer_t& viewer) {
-    viewer_t* idle = nullptr;
+    int64_t now = now_ns();
+    std::map<std::string, size_t> per_address;
+    for (const auto& [wsi, other] : viewers_) {
+        if (other.get() != &viewer && !other->closing && !other->dropped) {
+            ++per_address[other->host];
+        }
+    }
+    viewer_t* weakest = nullptr;
+    std::tuple<int, int64_t, uint64_t> weakest_rank{2, 0, 0};
     size_t active = 0;
     for (const auto& [wsi, other] : viewers_) {
         if (other.get() == &viewer || other->closing || other->dropped) {
             continue;
         }
         ++active;
-        if (other->session.empty() && (!idle || other->serial < idle->serial)) {
-            idle = other.get();
+        // One that just came has its moment to subscribe.
+        int s = standing(*other, now);
+        s = s == 0 && now - other->connected_at < READING_WINDOW_NS / 2 ? 1 : s;
+        std::tuple<int, int64_t, uint64_t> rank{s, -static_cast<int64_t>(per_address[other->host]),
+                                                other->serial};
+        if (s < 2 && (!weakest || rank < weakest_rank)) {
+            weakest = other.get();
+            weakest_rank = rank;
         }
     }
-    if (active >= options_.max_clients && !idle) {
+    if (active >= options_.max_clients && !weakest) {
         close_with(viewer, LWS_CLOSE_STATUS_POLICY_VIOLATION,
                    "too many viewers (" + std::to_string(options_.max_clients) + ")");
         return;
     }
     if (active >= options_.max_clients) {
-        close_with(*idle, LWS_CLOSE_STATUS_POLICY_VIOLATION,
-                   "a newer viewer took the place of this one, which subscribed to nothing");
+        close_with(*weakest, LWS_CLOSE_STATUS_POLICY_VIOLATION,
+                   weakest->session.empty()
+                       ? "a newer viewer took the place of this one, which subscribed to nothing"
+                       : "a newer viewer took the place of this one, which did not take what it "
+                         "subscribed to");
     }
     queue_text(viewer, foxglove_server_info("radarscene-view"));
     queue_text(viewer, foxglove_advertise(channels_));
+    if (!condition_.empty()) {
+        queue_text(viewer, condition_);
+    }
     want_write(viewer);
 }
 
@@ -381,17 +593,24 @@ int ViewServer::write(viewer_t& viewer) {
             lws_close_reason(viewer.wsi, viewer.close_status,
                              reinterpret_cast<unsigned char*>(viewer.close_reason.data()),
                              viewer.close_reason.size());
+            // The library sends the close frame and waits for its answer;
+            // a second -1 would cut the connection before.
+            viewer.dropped = true;
             return -1;
         }
         size_t n = std::min(FRAGMENT, viewer.out.size() - viewer.out_at);
         int flags = lws_write_ws_flags(viewer.out_kind, viewer.out_at == 0,
                                        viewer.out_at + n == viewer.out.size());
-        memcpy(scratch_.data() + LWS_PRE, viewer.out.data() + viewer.out_at, n);
+        viewer.out.copy(viewer.out_at, n, scratch_.data() + LWS_PRE);
         if (lws_write(viewer.wsi, scratch_.data() + LWS_PRE, n,
                       static_cast<lws_write_protocol>(flags)) < static_cast<int>(n)) {
             return -1;
         }
         viewer.out_at += n;
+        if (viewer.out_at == viewer.out.size() && viewer.out_kind == LWS_WRITE_BINARY) {
+            roll_tally(viewer, now_ns());
+            ++viewer.taken[0];
+        }
         watch_stall(viewer, true);
     } while (!lws_send_pipe_choked(viewer.wsi));
     want_write(viewer);
@@ -411,6 +630,8 @@ int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len)
             auto created = std::make_unique<viewer_t>();
             created->wsi = wsi;
             created->serial = ++serial_;
+            created->connected_at = now_ns();
+            created->host = peer_host(wsi);
             *slot = created.get();
             viewers_[wsi] = std::move(created);
             admit(*viewers_[wsi]);
@@ -421,6 +642,7 @@ int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len)
                 viewers_.erase(wsi);
                 *slot = nullptr;
                 updateWanted();
+                trim_due_ = true;
             }
             return 0;
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
@@ -441,5 +663,100 @@ int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len)
             return 0;
         default:
             return 0;
+    }
+}
+
+// The HTTP status that refuses a page request or an upgrade, or 0: a page
+// of another origin, missing or wrong credentials (counted per address), an
+// upgrade to anything but our subprotocol.
+unsigned ViewServer::refusal(lws* wsi, bool upgrade) {
+    std::string origin = header(wsi, WSI_TOKEN_ORIGIN);
+    if (lws_hdr_total_length(wsi, WSI_TOKEN_ORIGIN) > 0 &&
+        !view_access_origin_allowed(access_, origin)) {
+        return HTTP_STATUS_FORBIDDEN;
+    }
+    if (!access_.secret.empty()) {
+        std::string address = peer_host(wsi);
+        int64_t now_s = now_ns() / 1'000'000'000;
+        if (view_access_locked_out(access_, address, now_s)) {
+            return 429;
+        }
+        std::string bearer = header(wsi, WSI_TOKEN_HTTP_AUTHORIZATION, 2048);
+        char arg[2048] = "";
+        const char* token = lws_get_urlarg_by_name(wsi, "token=", arg, sizeof arg);
+        bool given = (bearer.rfind("Bearer ", 0) == 0 &&
+                      view_access_secret_matches(access_, bearer.substr(7))) ||
+                     (token && view_access_secret_matches(access_, token));
+        if (!given &&
+            !view_access_cookie_matches(access_, header(wsi, WSI_TOKEN_HTTP_COOKIE, 4096))) {
+            view_access_failed(access_, address, now_s);
+            return HTTP_STATUS_UNAUTHORIZED;
+        }
+        if (given && !upgrade) {
+            cookie_due_.insert(wsi);
+        }
+    }
+    if (upgrade) {
+        if (header(wsi, WSI_TOKEN_VERSION) != "13") {
+            return 426;
+        }
+        std::string protocols = header(wsi, WSI_TOKEN_PROTOCOL);
+        if (protocols.find(PROTOCOLS[1].name) == std::string::npos) {
+            return HTTP_STATUS_BAD_REQUEST;
+        }
+    }
+    return 0;
+}
+
+int ViewServer::httpCallback(lws* wsi, int reason, void* user, void* in, size_t len) {
+    static const std::map<unsigned, const char*> WHY{
+        {HTTP_STATUS_BAD_REQUEST, "an upgrade needs the subprotocol foxglove.websocket.v1"},
+        {HTTP_STATUS_UNAUTHORIZED, "this view needs its secret: add ?token=SECRET to the address"},
+        {HTTP_STATUS_FORBIDDEN, "pages of other origins may not use this view"},
+        {426, "WebSocket version 13 is needed"},
+        {429, "too many failed attempts from this address; try again in a minute"}};
+    switch (reason) {
+        case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
+            return view_access_admit_peer(access_, static_cast<int>(reinterpret_cast<intptr_t>(in)))
+                       ? 0
+                       : 1;
+        case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
+        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE: {
+            cookie_due_.erase(wsi);
+            bool upgrade = reason == LWS_CALLBACK_HTTP_CONFIRM_UPGRADE;
+            if (unsigned status = refusal(wsi, upgrade)) {
+                lws_return_http_status(wsi, status, WHY.at(status));
+                // An upgrade's answer ends the transaction; a page request
+                // is closed.
+                return upgrade ? (lws_http_transaction_completed(wsi) ? -1 : 1) : 1;
+            }
+            return 0;
+        }
+        case LWS_CALLBACK_ADD_HEADERS:
+            if (cookie_due_.erase(wsi)) {
+                std::string cookie = std::string(VIEW_COOKIE) + "=" + access_.session +
+                                     "; Path=/; HttpOnly; SameSite=Strict" +
+                                     (options_.tls_cert.empty() ? "" : "; Secure");
+                auto* args = static_cast<lws_process_html_args*>(in);
+                auto* p = reinterpret_cast<unsigned char*>(args->p);
+                if (lws_add_http_header_by_token(
+                        wsi, WSI_TOKEN_HTTP_SET_COOKIE,
+                        reinterpret_cast<const unsigned char*>(cookie.data()),
+                        static_cast<int>(cookie.size()), &p, p + args->max_len)) {
+                    return 1;
+                }
+                args->max_len -= static_cast<int>(reinterpret_cast<char*>(p) - args->p);
+                args->p = reinterpret_cast<char*>(p);
+            }
+            return 0;
+        case LWS_CALLBACK_CLOSED_HTTP:
+            cookie_due_.erase(wsi);
+            return lws_callback_http_dummy(wsi, static_cast<lws_callback_reasons>(reason), user, in,
+                                           len);
+        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
+            return 1;  // an upgrade that asked for no protocol of ours
+        default:
+            return lws_callback_http_dummy(wsi, static_cast<lws_callback_reasons>(reason), user, in,
+                                           len);
     }
 }

@@ -2,20 +2,26 @@
 
 // The viewer's server on libwebsockets, on one address and port: the page's
 // files at "/", and the Foxglove WebSocket protocol for the page and for
-// other viewers. Per viewer only the newest message of each subscription and
-// a bounded queue of answers wait to be sent, so a slow viewer never slows
-// the others or the radar; a viewer that takes nothing for a few seconds, or
-// lets its answers pile up, is disconnected. Connections are capped well
-// below the descriptor limit, and those that do not become viewers of this
-// protocol within a few seconds are closed.
+// other viewers. Per viewer only the newest message of each subscription
+// (one per channel, shared by every viewer) and a bounded queue of answers
+// wait to be sent, so a slow viewer never slows the others or the radar; a
+// viewer that takes nothing for a few seconds, or lets its answers pile up,
+// is disconnected. Connections are capped per address and well below the
+// descriptor limit, those that do not become viewers of this protocol within
+// a few seconds are closed, and when the viewers are many, one that does not
+// take what it subscribed to makes room for a new one. Requests from pages
+// of other origins are refused, and with a secret every request must carry
+// it (or the cookie the page gets for it).
 
 #include "foxglove.h"
+#include "viewaccess.h"
 
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,12 +34,17 @@ struct view_server_options_t {
     int port = 8765;                    // 0 for any free port
     std::string web_root;
     size_t max_clients = 16;
+    size_t max_per_address = 8;                // connections from one address
+    std::vector<std::string> allowed_origins;  // besides the view's own
+    std::string tls_cert, tls_key;             // files; both or neither
+    std::string secret;                        // empty: no credentials asked
+    bool insecure_listener = false;            // beyond loopback without TLS or secret
 };
 
 class ViewServer {
 public:
     // Listens at once; throws std::runtime_error naming the address when it
-    // cannot.
+    // cannot, or what is missing to listen beyond the loopback address.
     ViewServer(const view_server_options_t& options, std::vector<foxglove_channel_t> channels);
     ~ViewServer();
     ViewServer(const ViewServer&) = delete;
@@ -42,6 +53,8 @@ public:
     int port() const { return port_; }
     // The address listened on, as a numeric literal.
     const std::string& address() const { return address_; }
+    // "http" or "https".
+    const char* scheme() const { return options_.tls_cert.empty() ? "http" : "https"; }
     // Any thread: the newest message of a channel, for its subscribers.
     void publish(uint32_t channel, uint64_t timestamp_ns, std::string payload);
     // Any thread: a status message for every viewer.
@@ -54,6 +67,7 @@ public:
 
     struct viewer_t;
     int callback(lws* wsi, int reason, void* user, void* in, size_t len);
+    int httpCallback(lws* wsi, int reason, void* user, void* in, size_t len);
 
 private:
     void deliver();
@@ -61,6 +75,8 @@ private:
     void receive(viewer_t& viewer, const char* in, size_t len);
     int write(viewer_t& viewer);
     void updateWanted();
+    unsigned refusal(lws* wsi, bool upgrade);
+    void trimMemory();
 
     view_server_options_t options_;
     std::vector<foxglove_channel_t> channels_;
@@ -74,9 +90,15 @@ private:
     uint64_t serial_ = 0;                                // of the last viewer
     std::atomic<bool> stopping_{false};
     std::map<uint32_t, std::atomic<bool>> wanted_;
+    view_access_t access_;       // the service thread's own
+    std::set<lws*> cookie_due_;  // page requests that gave the secret
+    std::string condition_;      // the provider's last status, for new viewers
+    bool trim_due_ = false;      // viewers left: memory to give back
+    int64_t trimmed_at_ = 0;
 
     // Handed from other threads to the service thread.
     mutable std::mutex inbox_mutex_;
     std::map<uint32_t, std::pair<uint64_t, std::string>> inbox_;
+    std::string inbox_condition_;
     std::vector<std::string> statuses_;
 };

@@ -6,6 +6,8 @@
 
 const PALETTE = ["#e64d40", "#408cf2", "#4dbf59", "#f2b333", "#a666d9", "#33bfbf"];
 const TRAIL_LENGTH = 20;
+// Without a scene for this long the picture is shown as stale.
+const STALE_MS = 1000;
 
 const state = {
   scene: null, // the newest scene, not yet drawn
@@ -16,10 +18,15 @@ const state = {
   counts: { scenes: 0, since: performance.now(), rate: 0, missing: 0 },
   lastTime: 0,
   period: 0,
+  channel: "", // the channel's topic, as advertised
+  classes: new Map(), // class id -> name, of the objects seen
+  retry: 1000, // before connecting again
 };
 
 // What the page drew last, for tests and the curious.
-window.radarView = { drawn: { scenes: 0, objects: [], time: 0 } };
+window.radarView = {
+  drawn: { scenes: 0, objects: [], time: 0, arrows: 0, legend: [], stale: false, channel: "" },
+};
 
 // ---- protocol ----
 
@@ -28,10 +35,17 @@ function connect() {
   const socket = new WebSocket(url, "foxglove.websocket.v1");
   socket.binaryType = "arraybuffer";
   let subscription = null;
+  let refusal = "";
   socket.onopen = () => notice("");
-  socket.onclose = () => {
-    notice("disconnected from the viewer; trying again");
-    setTimeout(connect, 1000);
+  socket.onclose = (event) => {
+    // A refusal's reason stays on screen while the page tries again, later
+    // each time.
+    const why = refusal || event.reason;
+    notice(why ? `${why}; trying again in ${state.retry / 1000} s` :
+      "disconnected from the viewer; trying again");
+    setTimeout(connect, state.retry);
+    state.retry = why ? Math.min(30000, state.retry * 2) : 1000;
+    restarted();
   };
   socket.onmessage = (event) => {
     if (typeof event.data === "string") {
@@ -40,20 +54,35 @@ function connect() {
         const channel = message.channels.find((c) => c.schemaName === "radarscene.SceneView");
         if (channel) {
           subscription = 1;
+          state.channel = channel.topic;
           socket.send(JSON.stringify({ op: "subscribe",
             subscriptions: [{ id: subscription, channelId: channel.id }] }));
         }
       } else if (message.op === "status") {
-        notice(message.level > 0 ? message.message : "");
+        providerStatus(message);
+        if (message.level === 2) refusal = message.message;
       }
       return;
     }
     const view = new DataView(event.data);
     if (view.getUint8(0) === 1 && view.getUint32(1, true) === subscription) {
       const scene = JSON.parse(new TextDecoder().decode(new Uint8Array(event.data, 13)));
+      state.retry = 1000;
       received(scene);
     }
   };
+}
+
+// The provider's comings and goings: its absence is told, and the time
+// while it was away is no missing scenes.
+function providerStatus(message) {
+  notice(message.level > 0 ? message.message : "");
+  if (message.level === 1) restarted();
+}
+
+function restarted() {
+  state.lastTime = 0;
+  state.period = 0;
 }
 
 // Rates and the scenes that the time stamps show to be missing.
@@ -71,6 +100,7 @@ function received(scene) {
   state.lastTime = scene.time;
   state.scene = scene;
   state.arrivedAt = performance.now();
+  for (const o of scene.objects) state.classes.set(o.class, o.name);
 }
 
 function notice(text) {
@@ -102,6 +132,7 @@ function drawGrid(p) {
     context.stroke();
     context.fillText(`${r} m`, p.ox + 4, p.oy - r * p.scale - 4);
   }
+  // Bearings clockwise from the boresight, labelled near the edge.
   for (let bearing = 0; bearing < 360; bearing += 30) {
     const b = (bearing * Math.PI) / 180;
     const [x, y] = p.at(state.range * 1.5 * Math.cos(b), -state.range * 1.5 * Math.sin(b));
@@ -109,7 +140,62 @@ function drawGrid(p) {
     context.moveTo(p.ox, p.oy);
     context.lineTo(x, y);
     context.stroke();
+    const label = bearing > 180 ? bearing - 360 : bearing;
+    const [lx, ly] = p.at(state.range * 0.92 * Math.cos(b), -state.range * 0.92 * Math.sin(b));
+    context.fillText(`${label}°`, lx - 10, ly + 4);
   }
+  // The boresight: where the radar looks.
+  context.strokeStyle = "#9fb3c8";
+  context.lineWidth = 2;
+  context.beginPath();
+  context.moveTo(p.ox, p.oy);
+  context.lineTo(p.ox, p.oy - state.range * p.scale);
+  context.stroke();
+  context.beginPath();
+  context.moveTo(p.ox - 7, p.oy + 6);
+  context.lineTo(p.ox, p.oy - 8);
+  context.lineTo(p.ox + 7, p.oy + 6);
+  context.closePath();
+  context.fillStyle = "#9fb3c8";
+  context.fill();
+  context.lineWidth = 1;
+}
+
+// An arrow from (x, y) by (dx, dy) metres, with a head.
+function arrow(p, x, y, dx, dy) {
+  const [sx, sy] = p.at(x, y);
+  const [ex, ey] = p.at(x + dx, y + dy);
+  const angle = Math.atan2(ey - sy, ex - sx);
+  const head = Math.min(8, Math.hypot(ex - sx, ey - sy));
+  context.lineWidth = 2;
+  context.beginPath();
+  context.moveTo(sx, sy);
+  context.lineTo(ex, ey);
+  context.stroke();
+  context.beginPath();
+  context.moveTo(ex, ey);
+  context.lineTo(ex - head * Math.cos(angle - 0.45), ey - head * Math.sin(angle - 0.45));
+  context.lineTo(ex - head * Math.cos(angle + 0.45), ey - head * Math.sin(angle + 0.45));
+  context.closePath();
+  context.fill();
+  context.lineWidth = 1;
+}
+
+// One line per class seen, in its colour.
+function drawLegend() {
+  const classes = [...state.classes].sort((a, b) => a[0] - b[0]);
+  classes.forEach(([id, name], i) => {
+    context.fillStyle = colourOf(id);
+    context.fillRect(10, 12 + i * 16, 10, 10);
+    context.fillStyle = "#d8dee6";
+    context.fillText(name, 26, 21 + i * 16);
+  });
+  if (state.channel) context.fillText(state.channel, 10, canvas.height - 10);
+  return classes.map(([, name]) => name);
+}
+
+function colourOf(cls) {
+  return PALETTE[(cls + 1 + PALETTE.length) % PALETTE.length];
 }
 
 function path(p, points, close) {
@@ -123,7 +209,7 @@ function path(p, points, close) {
 }
 
 function drawObject(p, o) {
-  const colour = PALETTE[(o.class + 1 + PALETTE.length) % PALETTE.length];
+  const colour = colourOf(o.class);
   context.strokeStyle = colour;
   context.fillStyle = colour;
   const trail = state.trails.get(o.id) ?? [];
@@ -145,22 +231,18 @@ function drawObject(p, o) {
     path(p, o.outline, true);
     context.stroke();
   }
-  if (o.velocity) {
-    const [vx, vy] = o.velocity;
-    path(p, [[o.x, o.y], [o.x + vx, o.y + vy]], false);
-    context.lineWidth = 2;
-    context.stroke();
-    context.lineWidth = 1;
-  }
+  if (o.velocity) arrow(p, o.x, o.y, o.velocity[0], o.velocity[1]);
   const [sx, sy] = p.at(o.x, o.y);
   context.fillRect(sx - 2, sy - 2, 4, 4);
   context.fillText(`${o.name} #${o.id}`, sx + 6, sy - 6);
 }
 
-function draw(scene) {
+function draw(scene, stale) {
   canvas.width = canvas.clientWidth;
   canvas.height = canvas.clientHeight;
   context.font = "12px system-ui, sans-serif";
+  // A stale picture is drawn greyed, so that nobody takes it for live.
+  canvas.style.filter = stale ? "grayscale(1) opacity(0.5)" : "";
   const p = projector();
   drawGrid(p);
   const seen = new Set();
@@ -176,9 +258,13 @@ function draw(scene) {
     if (!seen.has(id)) state.trails.delete(id);
   }
   const drawn = window.radarView.drawn;
+  drawn.legend = drawLegend();
   drawn.scenes++;
   drawn.objects = scene.objects.map((o) => o.id);
+  drawn.arrows = scene.objects.filter((o) => o.velocity).length;
   drawn.time = scene.time;
+  drawn.stale = stale;
+  drawn.channel = state.channel;
 }
 
 function showStatus() {
@@ -190,18 +276,24 @@ function showStatus() {
     c.since = now;
   }
   const scene = state.scene;
-  const delay = scene ? scene.delay_ms + (now - state.arrivedAt) : 0;
+  const age = now - state.arrivedAt;
+  // Scenes of another clock (a recording of another machine) have no delay.
+  const delay = !scene || scene.delay_ms === null ? "delay unknown"
+    : `push to display ${(scene.delay_ms + age).toFixed(1)} ms`;
+  const stale = age >= STALE_MS ? ` · no scene for ${(age / 1000).toFixed(0)} s` : "";
   document.getElementById("status").textContent = scene
     ? `${c.rate.toFixed(1)} scenes/s · ${scene.objects.length} objects · ` +
-      `push to display ${delay.toFixed(1)} ms · ${c.missing} missing` +
-      (state.paused ? " · paused" : "")
+      `${delay} · ${c.missing} missing${stale}` + (state.paused ? " · paused" : "")
     : "waiting for scenes…";
+  document.getElementById("channel").textContent = state.channel;
 }
 
 function frame() {
-  if (state.scene && !state.paused && state.scene !== state.drawnScene) {
-    draw(state.scene);
+  const stale = state.scene !== null && performance.now() - state.arrivedAt >= STALE_MS;
+  if (state.scene && !state.paused && (state.scene !== state.drawnScene || stale !== state.drawnStale)) {
+    draw(state.scene, stale);
     state.drawnScene = state.scene;
+    state.drawnStale = stale;
   }
   showStatus();
   requestAnimationFrame(frame);
@@ -223,5 +315,10 @@ canvas.addEventListener("wheel", (event) => {
   zoom(event.deltaY > 0 ? 1.1 : 1 / 1.1);
 });
 
+// A secret given in the address has been exchanged for a cookie with the
+// page: it leaves the address bar and the history.
+if (new URLSearchParams(location.search).has("token")) {
+  history.replaceState(null, "", location.pathname);
+}
 connect();
 requestAnimationFrame(frame);
