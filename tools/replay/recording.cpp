@@ -266,5 +266,7 @@ std::unique_ptr<Recording> open_recording(const std::string& path,
         close(fd);
         throw std::runtime_error(path + " holds raw records, which have no topics for --topic");
     }
-    return std::make_unique<RawRecording>(path, fd);
+    auto raw = std::make_unique<RawRecording>(path, fd);
+    raw->channel = std::max(choice.channel, 0);
+    return raw;
 }
