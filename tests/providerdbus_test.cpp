@@ -578,7 +578,7 @@ TEST_F(Provider, StatisticsCountWhatTheReadersReadAndHowSessionsEnded) {
     EXPECT_EQ(rows[2].get<5>(), 0u);
     EXPECT_EQ(rows[2].get<8>(), "broken-error");
     EXPECT_EQ(statistics.GetChannels(),
-              std::vector<ChannelRow>{ChannelRow(0, 1, 3, 6, 0, bytes[0] + bytes[1], 1)});
+              std::vector<ChannelRow>{ChannelRow(0, 1, 3, 6, 0, bytes[0] + bytes[1], 1, 0)});
 }
 
 TEST_F(Provider, StatisticsAreRefusedAsTheSceneMethodsAre) {

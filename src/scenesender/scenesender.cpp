@@ -126,10 +126,21 @@ void start_record(session_t& session, scene_ptr scene, clock_type::time_point no
     session.record_since = now;
 }
 
+// Counts frame `seq` for the session, and as replaced those between it and
+// the last one that counted: a newer frame took their place at the
+// hand-off, or they were pushed as the session subscribed with options
+// their encoding lacks. The caller holds the mutex.
+void count_frame(scene_sender_t& sender, session_t& session, uint64_t seq) {
+    uint64_t skipped = seq - session.last_seq - 1;
+    session.frames_replaced += skipped;
+    sender.totals.frames_replaced += skipped;
+    session.last_seq = seq;
+}
+
 // Writes the record in progress, and those after it, until the socket takes
 // no more: 0 when no record is left, -EAGAIN when the socket is full, or the
-// negative errno of a failed write.
-int write_records(scene_sender_t& sender, session_t& session) {
+// negative errno of a failed write. Any byte taken restarts the deadline.
+int write_records(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
     while (session.record) {
         const std::string& scene = *session.record;
         uint32_t header = htonl(static_cast<uint32_t>(scene.size() + sizeof(header)));
@@ -148,6 +159,9 @@ int write_records(scene_sender_t& sender, session_t& session) {
         session.record_written += written;
         session.bytes_written += written;
         sender.totals.bytes_written += written;
+        if (written > 0) {
+            session.record_since = now;
+        }
         if (result < 0) {
             return result;
         }
@@ -155,7 +169,7 @@ int write_records(scene_sender_t& sender, session_t& session) {
         ++sender.totals.scenes_written;
         release(sender, session.record);
         if (session.next) {
-            start_record(session, std::move(session.next), clock_type::now());
+            start_record(session, std::move(session.next), now);
         }
     }
     return 0;
@@ -165,7 +179,7 @@ int write_records(scene_sender_t& sender, session_t& session) {
 // write fails or its record in progress has waited out its deadline. True
 // when the session broke.
 bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
-    int result = write_records(sender, session);
+    int result = write_records(sender, session, now);
     if (result == 0 || (result == -EAGAIN && now - session.record_since < sender.record_timeout)) {
         return false;
     }
@@ -220,6 +234,9 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
         return -1;
     }
     session->subscribed_usec = realtime_usec();
+    // The frames numbered after this one are the session's; one encoded
+    // without its parts is counted as replaced when the next one reaches it.
+    session->last_seq = sender.frames_pushed.load();
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);
     sender.session_list.push_back(std::move(session));
@@ -264,7 +281,7 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
     return false;
 }
 
-bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
+bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding, uint64_t seq,
                        const std::function<void()>& done_with_encoding) {
     // Sessions with the same options get the same bytes: each distinct
     // option set is assembled once per send, unless the encoding's own
@@ -275,7 +292,7 @@ bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
         std::lock_guard lock(sender.mutex);
         for (const auto& session : sender.session_list) {
             unsigned key = options_key(*session);
-            if (!healthy(*session) || (distinct & (1u << key))) {
+            if (!healthy(*session) || seq <= session->last_seq || (distinct & (1u << key))) {
                 continue;
             }
             options[key] = session_options(*session);
@@ -319,9 +336,10 @@ bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
         for (const auto& session_ptr : sender.session_list) {
             session_t& session = *session_ptr;
             const std::shared_ptr<std::string>& scene = scenes[options_key(session)];
-            if (!healthy(session) || !scene) {
+            if (!healthy(session) || !scene || seq <= session.last_seq) {
                 continue;
             }
+            count_frame(sender, session, seq);
             if (session.record) {
                 sender.totals.frames_replaced += session.next ? 1 : 0;
                 session.frames_replaced += session.next ? 1 : 0;
@@ -430,6 +448,7 @@ void scene_sender_get_stats(const scene_sender_t& sender, std::vector<session_st
     totals = sender.totals;
     totals.active_sessions = static_cast<uint32_t>(sender.session_list.size());
     totals.frames_pushed = sender.frames_pushed.load(std::memory_order_relaxed);
+    totals.handoff_replaced = sender.handoff_replaced.load(std::memory_order_relaxed);
 }
 
 int cleanup_broken_sessions(scene_sender_t& sender) {

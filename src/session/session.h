@@ -43,12 +43,16 @@ struct session_t {
     uint64_t bytes_written = 0;
     // The scene whose record is being written, null when none is, with the
     // bytes of the record written so far (length prefix included) and when
-    // it became the one in progress; and the newest scene waiting after it.
+    // its socket last took some; and the newest scene waiting after it.
     // Scenes are shared by the sessions with the same options.
     std::shared_ptr<const std::string> record;
     uint32_t record_written = 0;
     std::chrono::steady_clock::time_point record_since;
     std::shared_ptr<const std::string> next;
+    // The number of the last frame pushed that counted for this session:
+    // scenes + replaced frames = the frames pushed since it subscribed,
+    // once those are all sent.
+    uint64_t last_seq = 0;
 };
 
 void session_set_id(session_t& session, int id);
