@@ -40,9 +40,9 @@ RadarScene::Frame boxed_frame(uint64_t time, size_t objects = 1) {
 // The scene of `frame` with every part, as the sink would hand it over,
 // written out as the sending thread would.
 void send(scene_sender_t& sender, const RadarScene::Frame& frame) {
-    scene_encoding_t encoding;
-    scene_encoding_fill(encoding, frame, 0, ~0u);
-    scene_sender_send(sender, encoding, ++sender.frames_pushed, {});
+    auto encoding = std::make_shared<scene_encoding_t>();
+    scene_encoding_fill(*encoding, frame, 0, ~0u);
+    scene_sender_send(sender, encoding, ++sender.frames_pushed);
     scene_sender_finish(sender);
 }
 
@@ -86,9 +86,9 @@ TEST_F(SceneSender, SessionsTheEncodingDoesNotServeWaitForTheNextScene) {
     ASSERT_EQ(scene_sender_add_session(sender, session, boxed), 0);
     EXPECT_EQ(sender.wanted_parts, plain_parts | 1u << OBJECT_PART_BOUNDING_BOX);
 
-    scene_encoding_t encoding;
-    scene_encoding_fill(encoding, boxed_frame(1), 0, plain_parts);
-    scene_sender_send(sender, encoding, ++sender.frames_pushed, {});
+    auto encoding = std::make_shared<scene_encoding_t>();
+    scene_encoding_fill(*encoding, boxed_frame(1), 0, plain_parts);
+    scene_sender_send(sender, encoding, ++sender.frames_pushed);
     std::string payload;
     EXPECT_TRUE(read_record(plain.get(), payload));
     EXPECT_TRUE(nothing_to_read(boxed.get()));
@@ -259,10 +259,9 @@ TEST_F(SceneSender, StalledSessionsKeepTheirNewestFrameWhileTheOthersGetEveryOne
 
 TEST_F(SceneSender, UnsubscribingDuringARecordEndsTheStreamAfterIt) {
     unique_fd peer = subscribe(1);
-    scene_encoding_t encoding;
-    scene_encoding_fill(encoding, heavy_frame(7, 250'000), 0, ~0u);
-    scene_sender_send(sender, encoding, ++sender.frames_pushed,
-                      {});  // fills the socket and returns
+    auto encoding = std::make_shared<scene_encoding_t>();
+    scene_encoding_fill(*encoding, heavy_frame(7, 250'000), 0, ~0u);
+    scene_sender_send(sender, encoding, ++sender.frames_pushed);  // fills the socket and returns
     ASSERT_TRUE(scene_sender_remove_session(sender, 1));
     EXPECT_EQ(scene_sender_get_num_sessions(sender), 0);
     EXPECT_EQ(sender.closing.size(), 1u);

@@ -26,8 +26,11 @@ using clock_type = std::chrono::steady_clock;
 constexpr timeval SEND_TIMEOUT = {1, 0};
 constexpr size_t TRIM_AFTER_BYTES = 8 << 20;
 constexpr size_t OPTION_SETS = 32;
+// Assembled copies that stalled records may hold beyond one encoding.
+constexpr size_t MIN_COPY_BUDGET_BYTES = 8 << 20;
 
 using scene_ptr = std::shared_ptr<const std::string>;
+using encoding_ptr = std::shared_ptr<const scene_encoding_t>;
 
 RadarScene::SerializeFrameOptions session_options(const session_t& session) {
     RadarScene::SerializeFrameOptions options;
@@ -62,12 +65,31 @@ void update_wanted_parts(scene_sender_t& sender) {
     sender.wanted_parts = parts;
 }
 
-// Drops a reference to a scene, counting its memory when it was the last.
+// Drops a reference to a scene or an encoding, counting its memory when it
+// was the last.
 void release(scene_sender_t& sender, scene_ptr& scene) {
     if (scene && scene.use_count() == 1) {
         sender.freed_bytes += scene->capacity();
     }
     scene.reset();
+}
+
+void release(scene_sender_t& sender, encoding_ptr& encoding) {
+    if (encoding && encoding.use_count() == 1) {
+        sender.freed_bytes += encoding->bytes.capacity();
+    }
+    encoding.reset();
+}
+
+// The session's scene of `encoding`: the encoding's own bytes where they
+// are that scene, else a copy put together from its parts.
+scene_ptr assemble(const encoding_ptr& encoding, const RadarScene::SerializeFrameOptions& options) {
+    if (scene_encoding_is_scene(*encoding, options)) {
+        return scene_ptr(encoding, &encoding->bytes);
+    }
+    auto scene = std::make_shared<std::string>();
+    scene_encoding_assemble(*scene, *encoding, options);
+    return scene;
 }
 
 // After huge scenes have been freed the allocator is asked to give the
@@ -116,12 +138,16 @@ void mark_broken(scene_sender_t& sender, session_t& session, int error) {
     session_set_state(session, SESSION_STATE_BROKEN);
     ++sender.totals.sessions_broken;
     release(sender, session.record);
+    release(sender, session.record_encoding);
     release(sender, session.next);
 }
 
-// Makes `scene` the session's record in progress.
-void start_record(session_t& session, scene_ptr scene, clock_type::time_point now) {
+// Makes the scene of `encoding` the session's record in progress; `scene`
+// is that scene, or null to put it together when it is written.
+void start_record(session_t& session, scene_ptr scene, encoding_ptr encoding,
+                  clock_type::time_point now) {
     session.record = std::move(scene);
+    session.record_encoding = std::move(encoding);
     session.record_written = 0;
     session.record_since = now;
 }
@@ -141,7 +167,10 @@ void count_frame(scene_sender_t& sender, session_t& session, uint64_t seq) {
 // no more: 0 when no record is left, -EAGAIN when the socket is full, or the
 // negative errno of a failed write. Any byte taken restarts the deadline.
 int write_records(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
-    while (session.record) {
+    while (session.record_encoding) {
+        if (!session.record) {
+            session.record = assemble(session.record_encoding, session_options(session));
+        }
         const std::string& scene = *session.record;
         uint32_t header = htonl(static_cast<uint32_t>(scene.size() + sizeof(header)));
         iovec buffers[2] = {{&header, sizeof(header)},
@@ -168,11 +197,60 @@ int write_records(scene_sender_t& sender, session_t& session, clock_type::time_p
         ++session.scenes_written;
         ++sender.totals.scenes_written;
         release(sender, session.record);
+        release(sender, session.record_encoding);
         if (session.next) {
-            start_record(session, std::move(session.next), now);
+            start_record(session, nullptr, std::move(session.next), now);
         }
     }
     return 0;
+}
+
+// Drops the assembled copies of stalled records, those whose sockets took
+// bytes longest ago first, while they take more than the budget: a dropped
+// copy is put together again from its encoding when its socket takes bytes.
+// So sessions in many option sets that stop reading hold their encodings,
+// shared, instead of a copy each. The caller holds the mutex.
+void trim_copies(scene_sender_t& sender) {
+    struct copy_t {
+        const std::string* scene;
+        clock_type::time_point since;
+    };
+    std::vector<copy_t> copies;
+    size_t held = 0;
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& session : *list) {
+            const scene_ptr& scene = session->record;
+            if (!scene || scene.get() == &session->record_encoding->bytes) {
+                continue;
+            }
+            auto known = std::find_if(copies.begin(), copies.end(),
+                                      [&](const copy_t& c) { return c.scene == scene.get(); });
+            if (known == copies.end()) {
+                copies.push_back({scene.get(), session->record_since});
+                held += scene->size();
+            } else {
+                known->since = std::min(known->since, session->record_since);
+            }
+        }
+    }
+    if (held <= sender.copy_budget) {
+        return;
+    }
+    std::sort(copies.begin(), copies.end(),
+              [](const copy_t& a, const copy_t& b) { return a.since < b.since; });
+    for (const copy_t& copy : copies) {
+        if (held <= sender.copy_budget) {
+            break;
+        }
+        held -= copy.scene->size();
+        for (const auto* list : {&sender.session_list, &sender.closing}) {
+            for (const auto& session : *list) {
+                if (session->record.get() == copy.scene) {
+                    release(sender, session->record);
+                }
+            }
+        }
+    }
 }
 
 // Writes what the socket takes of the session's records, breaking it when a
@@ -192,7 +270,7 @@ bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point
 bool records_in_progress(const scene_sender_t& sender) {
     for (const auto* list : {&sender.session_list, &sender.closing}) {
         for (const auto& session : *list) {
-            if (session->record && healthy(*session)) {
+            if (session->record_encoding && healthy(*session)) {
                 return true;
             }
         }
@@ -249,7 +327,7 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id) {
     for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
         session_t& session = **it;
         if (session_get_id(session) == id) {
-            if (session.record && session.record_written > 0) {
+            if (session.record_encoding && session.record_written > 0) {
                 // The record the subscriber has begun to read is finished
                 // first; nothing follows it.
                 release(sender, session.next);
@@ -281,89 +359,70 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
     return false;
 }
 
-bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding, uint64_t seq,
-                       const std::function<void()>& done_with_encoding) {
-    // Sessions with the same options get the same bytes: each distinct
-    // option set is assembled once per send, unless the encoding's own
-    // bytes are its scene.
+bool scene_sender_send(scene_sender_t& sender, std::shared_ptr<scene_encoding_t>& encoding,
+                       uint64_t seq) {
+    encoding_ptr shared = encoding;
+    // Sessions with a record in progress get the frame as their next, as
+    // its encoding; the others get it now, each distinct option set's scene
+    // put together once and written to its sessions before the next set's,
+    // so that no more than one copy is made at a time.
     std::array<RadarScene::SerializeFrameOptions, OPTION_SETS> options;
-    uint32_t distinct = 0;
+    uint32_t idle = 0;
     {
         std::lock_guard lock(sender.mutex);
-        for (const auto& session : sender.session_list) {
-            unsigned key = options_key(*session);
-            if (!healthy(*session) || seq <= session->last_seq || (distinct & (1u << key))) {
+        sender.copy_budget = std::max(MIN_COPY_BUDGET_BYTES, shared->bytes.size());
+        for (const auto& session_ptr : sender.session_list) {
+            session_t& session = *session_ptr;
+            unsigned key = options_key(session);
+            options[key] = session_options(session);
+            if (!healthy(session) || seq <= session.last_seq ||
+                !scene_encoding_serves(*shared, options[key])) {
                 continue;
             }
-            options[key] = session_options(*session);
-            if (scene_encoding_serves(encoding, options[key])) {
-                distinct |= 1u << key;
+            if (!session.record_encoding) {
+                idle |= 1u << key;
+                continue;
             }
+            count_frame(sender, session, seq);
+            sender.totals.frames_replaced += session.next ? 1 : 0;
+            session.frames_replaced += session.next ? 1 : 0;
+            release(sender, session.next);
+            session.next = shared;
         }
     }
-    std::array<std::shared_ptr<std::string>, OPTION_SETS> scenes;
-    uint32_t as_encoded = 0;
+    bool any_broke = false;
     for (unsigned key = 0; key < OPTION_SETS; ++key) {
-        if (!(distinct & (1u << key))) {
+        if (!(idle & (1u << key))) {
             continue;
         }
-        if (scene_encoding_is_scene(encoding, options[key])) {
-            as_encoded |= 1u << key;
-        } else {
-            scenes[key] = std::make_shared<std::string>();
-            scene_encoding_assemble(*scenes[key], encoding, options[key]);
-        }
-    }
-    // The encoding's bytes, lent to the sessions that write them as they are.
-    std::shared_ptr<std::string> lent;
-    if (as_encoded) {
-        lent = std::make_shared<std::string>(std::move(encoding.bytes));
-        for (unsigned key = 0; key < OPTION_SETS; ++key) {
-            if (as_encoded & (1u << key)) {
-                scenes[key] = lent;
-            }
-        }
-    } else if (done_with_encoding) {
-        done_with_encoding();
-    }
-
-    bool any_broke = false;
-    bool in_progress = false;
-    size_t freed = 0;
-    {
+        scene_ptr scene = assemble(shared, options[key]);
         std::lock_guard lock(sender.mutex);
         clock_type::time_point now = clock_type::now();
         for (const auto& session_ptr : sender.session_list) {
             session_t& session = *session_ptr;
-            const std::shared_ptr<std::string>& scene = scenes[options_key(session)];
-            if (!healthy(session) || !scene || seq <= session.last_seq) {
+            if (options_key(session) != key || !healthy(session) || seq <= session.last_seq ||
+                session.record_encoding) {
                 continue;
             }
             count_frame(sender, session, seq);
-            if (session.record) {
-                sender.totals.frames_replaced += session.next ? 1 : 0;
-                session.frames_replaced += session.next ? 1 : 0;
-                release(sender, session.next);
-                session.next = scene;
-                continue;
-            }
-            start_record(session, scene, now);
+            start_record(session, scene, shared, now);
             any_broke |= write_on(sender, session, now);
         }
-        for (auto& scene : scenes) {
-            scene_ptr released = std::move(scene);
-            if (released != lent) {
-                release(sender, released);
-            }
+        release(sender, scene);
+        trim_copies(sender);
+    }
+    bool in_progress = false;
+    size_t freed = 0;
+    {
+        std::lock_guard lock(sender.mutex);
+        // Sessions that still need the encoding keep it; the caller's next
+        // frame is encoded elsewhere.
+        if (shared.use_count() > 2) {
+            encoding = std::make_shared<scene_encoding_t>();
         }
-        if (lent && lent.use_count() == 1) {
-            encoding.bytes = std::move(*lent);  // its storage serves the next frame
-        }
+        shared.reset();
         in_progress = records_in_progress(sender);
         freed = take_freed_bytes(sender);
-    }
-    if (lent && done_with_encoding) {
-        done_with_encoding();
     }
     trim_after(freed);
     if (any_broke) {
@@ -378,7 +437,7 @@ int scene_sender_pending(const scene_sender_t& sender, std::vector<pollfd>& poll
     std::optional<clock_type::time_point> first;
     for (const auto* list : {&sender.session_list, &sender.closing}) {
         for (const auto& session : *list) {
-            if (session->record && healthy(*session)) {
+            if (session->record_encoding && healthy(*session)) {
                 polls.push_back({session_get_fd(*session), POLLOUT, 0});
                 first = std::min(first.value_or(session->record_since), session->record_since);
             }
@@ -400,7 +459,7 @@ bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& po
         std::lock_guard lock(sender.mutex);
         clock_type::time_point now = clock_type::now();
         for (const auto& session : sender.session_list) {
-            if (session->record && healthy(*session) &&
+            if (session->record_encoding && healthy(*session) &&
                 (ready(*session, polls) || now - session->record_since >= sender.record_timeout)) {
                 any_broke |= write_on(sender, *session, now);
             }
@@ -410,13 +469,14 @@ bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& po
             if (ready(session, polls) || now - session.record_since >= sender.record_timeout) {
                 write_on(sender, session, now);
             }
-            if (session.record && healthy(session)) {
+            if (session.record_encoding && healthy(session)) {
                 ++it;
                 continue;
             }
             remember_ended(sender, session);
             it = sender.closing.erase(it);
         }
+        trim_copies(sender);
         in_progress = records_in_progress(sender);
         freed = take_freed_bytes(sender);
     }

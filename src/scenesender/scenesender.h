@@ -51,6 +51,9 @@ struct scene_sender_t {
     // breaks its session.
     std::chrono::milliseconds record_timeout{1000};
     size_t freed_bytes = 0;  // of scenes freed since the allocator last gave memory back
+    // What the assembled copies of stalled records may take together: the
+    // larger of 8 MiB and the newest encoding.
+    size_t copy_budget = 0;
 };
 
 // How many ended sessions a sender remembers.
@@ -76,16 +79,14 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id);
 // assembled with that session's options (a session whose options the
 // encoding lacks subscribed during the push, and gets the next frame), and
 // writes what the sockets take without waiting. The frames of a session's
-// that it never got, as their numbers tell, are counted as replaced. A session with a
-// record in progress keeps the scene as its next, replacing (and counting)
-// one that waited there. `done_with_encoding` runs as soon as the encoding
-// is read no more: once every distinct scene has been put together, or
-// after the writes when the encoding's own bytes are a session's scene
-// (those bytes go back to the encoding unless a session still needs them).
-// Sessions whose write fails are marked broken, reported once and passed to
-// the error callback. True while records are in progress.
-bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding, uint64_t seq,
-                       const std::function<void()>& done_with_encoding);
+// that it never got, as their numbers tell, are counted as replaced. A
+// session with a record in progress keeps the frame's encoding as its next,
+// replacing (and counting) one that waited there. When sessions keep the
+// encoding, `encoding` is replaced with a new one for the caller's next
+// frame. Sessions whose write fails are marked broken, reported once and
+// passed to the error callback. True while records are in progress.
+bool scene_sender_send(scene_sender_t& sender, std::shared_ptr<scene_encoding_t>& encoding,
+                       uint64_t seq);
 
 // Replaces `polls` with the sockets of the records in progress; returns the
 // milliseconds until the first of their deadlines, or -1 when there is none.

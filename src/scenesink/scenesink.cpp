@@ -108,7 +108,7 @@ std::unique_ptr<scene_handoff_t> hand_off(scene_sink_t& sink, const RadarScene::
     handoff->encoded = !copy_small_frame(handoff->frame, frame);
     if (handoff->encoded) {
         handoff->frame = {};
-        scene_encoding_fill(handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
+        scene_encoding_fill(*handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
                             sink.sender->wanted_parts);
     } else {
         handoff->raw_mask = raw_mask;
@@ -136,22 +136,20 @@ uint64_t count_push(scene_sink_t& sink) {
 }
 
 // Worker side: sends the scene of `handoff`, encoding it first if the push
-// did not. The hand-off is kept as the spare as soon as its encoding is read
-// no more, so a push during the writes of assembled scenes reuses its
-// storage. True while records are in progress.
+// did not, and keeps the hand-off as the spare for its storage. True while
+// records are in progress.
 bool send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
     if (!handoff->encoded) {
-        scene_encoding_fill(handoff->encoding, handoff->frame,
+        scene_encoding_fill(*handoff->encoding, handoff->frame,
                             static_cast<uint32_t>(handoff->raw_mask), sink.sender->wanted_parts);
     }
-    uint64_t seq = handoff->seq;
-    return scene_sender_send(*sink.sender, handoff->encoding, seq, [&] {
-        scene_encoding_trim(handoff->encoding);
-        std::lock_guard lock(sink.frame_mutex);
-        if (!sink.spare) {
-            sink.spare = std::move(handoff);
-        }
-    });
+    bool in_progress = scene_sender_send(*sink.sender, handoff->encoding, handoff->seq);
+    scene_encoding_trim(*handoff->encoding);
+    std::lock_guard lock(sink.frame_mutex);
+    if (!sink.spare) {
+        sink.spare = std::move(handoff);
+    }
+    return in_progress;
 }
 
 }  // namespace

@@ -28,7 +28,9 @@ struct scene_handoff_t {
     unsigned long raw_mask = 0;
     uint64_t seq = 0;      // the frame's number among the channel's pushes, from 1
     bool encoded = false;  // `encoding` holds the frame's scene, `frame` is unused
-    scene_encoding_t encoding;
+    // Never null. Shared with the sessions still writing its scene once it
+    // is sent; the sender then gives the hand-off a new one.
+    std::shared_ptr<scene_encoding_t> encoding = std::make_shared<scene_encoding_t>();
 };
 
 // Hands frames from the producer to a worker thread that sends them. The
