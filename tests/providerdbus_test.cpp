@@ -694,9 +694,9 @@ TEST_F(Provider, FramesPushedFasterThanTheyAreSentFlowAndEveryLossIsCounted) {
     }
 }
 
-// Readers that take 64 KiB every 5 ms, each with options of its own, beside
-// scenes of about 450 KB pushed back to back: each record moves on as its
-// socket takes bytes, and no reader is ever broken.
+// Readers that take 64 KiB every 100 ms, each with options of its own, beside
+// large scenes pushed back to back: each record moves on as its socket takes
+// bytes, however long it takes, and no reader is ever broken.
 TEST_F(Provider, ThrottledReadersInEightOptionSetsAreWrittenAsFastAsTheyRead) {
     start();
     StatisticsClient statistics(*client_connection);
@@ -710,18 +710,26 @@ TEST_F(Provider, ThrottledReadersInEightOptionSetsAreWrittenAsFastAsTheyRead) {
     std::vector<std::unique_ptr<counting_reader>> readers;
     for (auto& fd : fds) {
         readers.push_back(
-            std::make_unique<counting_reader>(fd.get(), 1 << 16, std::chrono::milliseconds(5)));
+            std::make_unique<counting_reader>(fd.get(), 1 << 16, std::chrono::milliseconds(100)));
     }
-    constexpr uint64_t RECORDS = 25;
-    RadarScene::Frame frame = heavy_frame(0, 3'000);
-    auto all_read = [&] {
-        return std::all_of(readers.begin(), readers.end(),
-                           [&](auto& r) { return r->records >= RECORDS; });
-    };
-    EXPECT_TRUE(wait_until(all_read, std::chrono::seconds(60), [&] {
-        ++frame.time;
-        channel_handler_push(*handler, 0, frame, 0);
-    }));
+    // Scenes of 0.6 to 1.5 MB, several socket buffers each and more than a
+    // second's reading for most, pushed back to back without waiting, so that
+    // a frame is always pending, until every reader has read two.
+    std::atomic<bool> pushing{true};
+    std::thread producer([&] {
+        RadarScene::Frame frame = heavy_frame(0, 10'000);
+        for (frame.time = 1; pushing; ++frame.time) {
+            channel_handler_try_push(*handler, 0, frame, 0);
+        }
+    });
+    EXPECT_TRUE(wait_until(
+        [&] {
+            return std::all_of(readers.begin(), readers.end(),
+                               [](auto& reader) { return reader->records >= 2; });
+        },
+        std::chrono::seconds(60)));
+    pushing = false;
+    producer.join();
     for (const SessionRow& row : statistics.GetSessions()) {
         EXPECT_EQ(row.get<8>(), "active") << "session " << row.get<0>();
     }
