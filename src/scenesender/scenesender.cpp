@@ -370,7 +370,7 @@ bool scene_sender_send(scene_sender_t& sender, std::shared_ptr<scene_encoding_t>
     uint32_t idle = 0;
     {
         std::lock_guard lock(sender.mutex);
-        sender.copy_budget = std::max(MIN_COPY_BUDGET_BYTES, shared->bytes.size());
+        sender.copy_budget = std::max(MIN_COPY_BUDGET_BYTES, shared->bytes.size() / 2);
         for (const auto& session_ptr : sender.session_list) {
             session_t& session = *session_ptr;
             unsigned key = options_key(session);

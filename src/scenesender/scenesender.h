@@ -52,7 +52,7 @@ struct scene_sender_t {
     std::chrono::milliseconds record_timeout{1000};
     size_t freed_bytes = 0;  // of scenes freed since the allocator last gave memory back
     // What the assembled copies of stalled records may take together: the
-    // larger of 8 MiB and the newest encoding.
+    // larger of 8 MiB and half the newest encoding.
     size_t copy_budget = 0;
 };
 
