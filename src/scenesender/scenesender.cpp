@@ -163,13 +163,27 @@ void count_frame(scene_sender_t& sender, session_t& session, uint64_t seq) {
     session.last_seq = seq;
 }
 
+// The scene of the session's record, shared with another session that has
+// the same options and frame, or else put together again.
+scene_ptr shared_copy(const scene_sender_t& sender, const session_t& session) {
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& other : *list) {
+            if (other->record && other->record_encoding == session.record_encoding &&
+                options_key(*other) == options_key(session)) {
+                return other->record;
+            }
+        }
+    }
+    return assemble(session.record_encoding, session_options(session));
+}
+
 // Writes the record in progress, and those after it, until the socket takes
 // no more: 0 when no record is left, -EAGAIN when the socket is full, or the
 // negative errno of a failed write. Any byte taken restarts the deadline.
 int write_records(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
     while (session.record_encoding) {
         if (!session.record) {
-            session.record = assemble(session.record_encoding, session_options(session));
+            session.record = shared_copy(sender, session);
         }
         const std::string& scene = *session.record;
         uint32_t header = htonl(static_cast<uint32_t>(scene.size() + sizeof(header)));
@@ -209,18 +223,25 @@ int write_records(scene_sender_t& sender, session_t& session, clock_type::time_p
 // bytes longest ago first, while they take more than the budget: a dropped
 // copy is put together again from its encoding when its socket takes bytes.
 // So sessions in many option sets that stop reading hold their encodings,
-// shared, instead of a copy each. The caller holds the mutex.
+// shared, instead of a copy each. Copies of subscribers seen reading in
+// this round or the last are kept whatever the budget. The caller holds the
+// mutex.
 void trim_copies(scene_sender_t& sender) {
     struct copy_t {
         const std::string* scene;
         clock_type::time_point since;
     };
     std::vector<copy_t> copies;
+    std::vector<const std::string*> reading;
     size_t held = 0;
     for (const auto* list : {&sender.session_list, &sender.closing}) {
         for (const auto& session : *list) {
             const scene_ptr& scene = session->record;
             if (!scene || scene.get() == &session->record_encoding->bytes) {
+                continue;
+            }
+            if (session->read_round != 0 && session->read_round + 1 >= sender.round) {
+                reading.push_back(scene.get());
                 continue;
             }
             auto known = std::find_if(copies.begin(), copies.end(),
@@ -241,6 +262,9 @@ void trim_copies(scene_sender_t& sender) {
     for (const copy_t& copy : copies) {
         if (held <= sender.copy_budget) {
             break;
+        }
+        if (std::find(reading.begin(), reading.end(), copy.scene) != reading.end()) {
+            continue;
         }
         held -= copy.scene->size();
         for (const auto* list : {&sender.session_list, &sender.closing}) {
@@ -263,6 +287,17 @@ bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point
     }
     mark_broken(sender, session, -result);
     return true;
+}
+
+// write_on for a session whose socket poll found ready, noting the round
+// when it took bytes.
+bool write_ready(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
+    uint64_t before = session.bytes_written;
+    bool broke = write_on(sender, session, now);
+    if (session.bytes_written != before) {
+        session.read_round = sender.round;
+    }
+    return broke;
 }
 
 // Whether any session, removed ones included, has a record in progress;
@@ -458,16 +493,17 @@ bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& po
     {
         std::lock_guard lock(sender.mutex);
         clock_type::time_point now = clock_type::now();
+        ++sender.round;
         for (const auto& session : sender.session_list) {
             if (session->record_encoding && healthy(*session) &&
                 (ready(*session, polls) || now - session->record_since >= sender.record_timeout)) {
-                any_broke |= write_on(sender, *session, now);
+                any_broke |= write_ready(sender, *session, now);
             }
         }
         for (auto it = sender.closing.begin(); it != sender.closing.end();) {
             session_t& session = **it;
             if (ready(session, polls) || now - session.record_since >= sender.record_timeout) {
-                write_on(sender, session, now);
+                write_ready(sender, session, now);
             }
             if (session.record_encoding && healthy(session)) {
                 ++it;

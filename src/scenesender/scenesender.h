@@ -54,6 +54,7 @@ struct scene_sender_t {
     // What the assembled copies of stalled records may take together: the
     // larger of 8 MiB and half the newest encoding.
     size_t copy_budget = 0;
+    uint64_t round = 1;  // counts the rounds of writing on to ready sockets
 };
 
 // How many ended sessions a sender remembers.

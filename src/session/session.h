@@ -52,6 +52,9 @@ struct session_t {
     std::shared_ptr<const std::string> record;
     uint32_t record_written = 0;
     std::chrono::steady_clock::time_point record_since;
+    // The sender's round in which the socket last took bytes when polled
+    // ready: a subscriber that reads, whose copy is kept.
+    uint64_t read_round = 0;
     std::shared_ptr<const scene_encoding_t> next;
     // The number of the last frame pushed that counted for this session:
     // scenes + replaced frames = the frames pushed since it subscribed,
