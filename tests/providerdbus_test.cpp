@@ -616,32 +616,21 @@ RadarScene::Frame heavy_frame(uint64_t time, int objects) {
     return frame;
 }
 
-// Counts the whole records of a stream as it arrives, `chunk` bytes at a
-// time with `pause` between reads, until the stream ends.
+// Counts the whole records of a stream as it arrives, reading at most
+// `chunk` bytes at a time with `pause` after each, until the stream ends.
 struct counting_reader {
     counting_reader(int fd, size_t chunk, std::chrono::milliseconds pause)
         : thread([this, fd, chunk, pause] {
               std::vector<char> buffer(chunk);
-              uint64_t left = 0;  // of the current record, its length word included
-              std::string header;
-              for (ssize_t n; (n = read(fd, buffer.data(), buffer.size())) > 0;) {
-                  for (ssize_t at = 0; at < n;) {
-                      if (left == 0) {
-                          header += buffer[static_cast<size_t>(at++)];
-                          if (header.size() == 4) {
-                              uint32_t length;
-                              memcpy(&length, header.data(), 4);
-                              left = ntohl(length) - 4;
-                              header.clear();
-                          }
-                          continue;
+              for (uint32_t length; recv(fd, &length, 4, MSG_WAITALL) == 4; ++records) {
+                  for (uint64_t left = ntohl(length) - 4; left > 0;) {
+                      ssize_t n = read(fd, buffer.data(), std::min<uint64_t>(left, chunk));
+                      if (n <= 0) {
+                          return;
                       }
-                      uint64_t take = std::min<uint64_t>(left, static_cast<uint64_t>(n - at));
-                      at += static_cast<ssize_t>(take);
-                      left -= take;
-                      records += left == 0;
+                      left -= static_cast<uint64_t>(n);
+                      std::this_thread::sleep_for(pause);
                   }
-                  std::this_thread::sleep_for(pause);
               }
           }) {}
     ~counting_reader() { thread.join(); }
