@@ -5,7 +5,11 @@
 //      against writing the same framed bytes to as many socket pairs;
 //   3. subscribers that stop reading: one of eight (push and tryPush), 31
 //      of 32, and a storm of subscription calls whose sessions stall;
-//   4. the producer's memory with a huge frame (run first, on a fresh heap).
+//   4. the producer's memory with a huge frame (run first, on a fresh heap),
+//      and beside sessions that never read in 3 and 31 option sets;
+//   5. overload: large scenes pushed at a rising rate to one reader, and
+//      throttled readers in eight option sets beside scenes pushed back to
+//      back.
 // Needs a bus for the provider: run it under dbus-run-session with
 // DBUS_SYSTEM_BUS_ADDRESS set to the session bus (see docs/BENCHMARKS.md).
 
@@ -397,24 +401,61 @@ int subscribe(sd_bus* bus, const std::vector<const char*>& features = DEFAULT_FE
 }
 
 // The frames the provider replaced before its sessions got them, from its
-// statistics object; 0 from a provider without one.
-uint64_t frames_replaced(sd_bus* bus) {
+// statistics object (0 from a provider without one), and through `handoff`
+// those replaced before the sending thread took them (0 from a provider
+// that does not count them).
+uint64_t frames_replaced(sd_bus* bus, uint64_t* handoff = nullptr) {
     sd_bus_message* reply = nullptr;
     uint64_t replaced = 0;
+    const char* contents = nullptr;
+    char type = 0;
+    if (handoff) {
+        *handoff = 0;
+    }
     if (sd_bus_call_method(
             bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1/Statistics",
             "com.tessel.RadarSceneProvider1.Statistics", "GetChannels", nullptr, &reply, "") >= 0 &&
-        sd_bus_message_enter_container(reply, 'a', "(iuttttt)") >= 0) {
+        sd_bus_message_peek_type(reply, &type, &contents) > 0 &&
+        sd_bus_message_enter_container(reply, 'a', contents) >= 0) {
+        bool counts_handoff = strcmp(contents, "(iutttttt)") == 0;
         int32_t channel = 0;
         uint32_t active = 0;
-        uint64_t pushed = 0, scenes = 0, frames = 0, bytes = 0, broken = 0;
-        while (sd_bus_message_read(reply, "(iuttttt)", &channel, &active, &pushed, &scenes, &frames,
-                                   &bytes, &broken) > 0) {
+        uint64_t pushed = 0, scenes = 0, frames = 0, bytes = 0, broken = 0, at_handoff = 0;
+        while ((counts_handoff
+                    ? sd_bus_message_read(reply, "(iutttttt)", &channel, &active, &pushed, &scenes,
+                                          &frames, &bytes, &broken, &at_handoff)
+                    : sd_bus_message_read(reply, "(iuttttt)", &channel, &active, &pushed, &scenes,
+                                          &frames, &bytes, &broken)) > 0) {
             replaced += frames;
+            if (handoff) {
+                *handoff += at_handoff;
+            }
         }
     }
     sd_bus_message_unref(reply);
     return replaced;
+}
+
+// The sessions that the provider's statistics object lists as broken.
+int sessions_broken(sd_bus* bus) {
+    sd_bus_message* reply = nullptr;
+    int broken = 0;
+    if (sd_bus_call_method(
+            bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1/Statistics",
+            "com.tessel.RadarSceneProvider1.Statistics", "GetSessions", nullptr, &reply, "") >= 0 &&
+        sd_bus_message_enter_container(reply, 'a', "(iixusttts)") >= 0) {
+        int32_t id = 0, channel = 0;
+        int64_t since = 0;
+        uint32_t pid = 0;
+        const char *comm = nullptr, *state = nullptr;
+        uint64_t scenes = 0, frames = 0, bytes = 0;
+        while (sd_bus_message_read(reply, "(iixusttts)", &id, &channel, &since, &pid, &comm,
+                                   &scenes, &frames, &bytes, &state) > 0) {
+            broken += strncmp(state, "broken", 6) == 0;
+        }
+    }
+    sd_bus_message_unref(reply);
+    return broken;
 }
 
 // The first `stalled` subscribers stop reading after their first scene;
@@ -684,6 +725,198 @@ void memory_section() {
         after_kib - idle_kib, static_cast<unsigned long long>(delivered), FRAMES * SUBSCRIBERS);
 }
 
+// One reader that reads everything, scenes of 20,000 objects (about
+// 1.78 MB with the default options) pushed at 100 Hz, 150 Hz and back to
+// back for 4 s each: the scenes delivered per second must not fall as the
+// push rate rises.
+void overload_section() {
+    constexpr int OBJECTS = 20'000;
+    printf("\n== one reader, %d objects, pushed at a rising rate for 4 s\n", OBJECTS);
+    for (double rate : {100.0, 150.0, 0.0}) {
+        producer p;
+        sd_bus* bus = nullptr;
+        sd_bus_open_system(&bus);
+        std::vector<reader> readers(1);
+        readers[0].fd = subscribe(bus);
+        int frames = rate > 0 ? static_cast<int>(rate * 4) : 0;
+        auto start = clock_type::now();
+        auto until = start + std::chrono::seconds(4);
+        // Back to back: as many pushes as 4 s take.
+        std::function<void(const RadarScene::Frame&)> push = [&](const RadarScene::Frame& f) {
+            p.sink->push(0, f);
+        };
+        run_result result;
+        if (rate > 0) {
+            result = drive(OBJECTS, frames, rate, readers, push,
+                           [&] { shutdown(readers[0].fd, SHUT_RDWR); });
+        } else {
+            RadarScene::Frame frame = full_frame(OBJECTS);
+            readers[0].start();
+            while (clock_type::now() < until) {
+                frame.time = now_ns();
+                push(frame);
+                ++frames;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            shutdown(readers[0].fd, SHUT_RDWR);
+            readers[0].thread.join();
+            result.delivered = readers[0].received;
+            result.max_gap_us = readers[0].max_gap_us;
+        }
+        double seconds = std::chrono::duration<double>(clock_type::now() - start).count() - 0.3;
+        uint64_t handoff = 0;
+        uint64_t replaced = frames_replaced(bus, &handoff);
+        close(readers[0].fd);
+        sd_bus_flush_close_unref(bus);
+        printf(
+            "  %-12s pushed %5d, delivered %5zu (%6.1f/s), replaced %5llu (at the hand-off"
+            " %5llu), longest gap %7.1f ms\n",
+            rate > 0 ? (std::to_string(static_cast<int>(rate)) + " Hz").c_str() : "back to back",
+            frames, result.delivered, static_cast<double>(result.delivered) / seconds,
+            static_cast<unsigned long long>(replaced), static_cast<unsigned long long>(handoff),
+            result.max_gap_us / 1e3);
+    }
+}
+
+// Eight readers in eight option sets that take 64 KiB every 5 ms (about
+// 13 MB/s), beside scenes of 5,000 objects (about 448 KB) pushed back to
+// back for 4 s: records each, the longest gap, sessions broken.
+void throttled_section() {
+    constexpr int OBJECTS = 5'000;
+    printf(
+        "\n== 8 readers in 8 option sets taking 64 KiB every 5 ms, %d objects back to back"
+        " for 4 s\n",
+        OBJECTS);
+    producer p;
+    sd_bus* bus = nullptr;
+    sd_bus_open_system(&bus);
+    const char* features[3] = {"BOUNDINGBOX_ENABLED", "POLYGON_ENABLED", "VELOCITY_ENABLED"};
+    std::vector<int> fds;
+    for (int set = 0; set < 8; ++set) {
+        std::vector<const char*> chosen;
+        for (int bit = 0; bit < 3; ++bit) {
+            if (set & (1 << bit)) {
+                chosen.push_back(features[bit]);
+            }
+        }
+        fds.push_back(subscribe(bus, chosen));
+    }
+    std::vector<size_t> records(fds.size());
+    std::vector<double> gaps_ms(fds.size());
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < fds.size(); ++i) {
+        threads.emplace_back([&, i] {
+            std::vector<char> chunk(64 * 1024);
+            uint64_t left = 0;
+            std::string header;
+            auto last = clock_type::now();
+            for (ssize_t n; (n = read(fds[i], chunk.data(), chunk.size())) > 0;) {
+                for (ssize_t at = 0; at < n;) {
+                    if (left == 0) {
+                        header += chunk[static_cast<size_t>(at++)];
+                        if (header.size() == 4) {
+                            uint32_t length;
+                            memcpy(&length, header.data(), 4);
+                            left = ntohl(length) - 4;
+                            header.clear();
+                        }
+                        continue;
+                    }
+                    uint64_t take = std::min<uint64_t>(left, static_cast<uint64_t>(n - at));
+                    at += static_cast<ssize_t>(take);
+                    left -= take;
+                    if (left == 0) {
+                        auto now = clock_type::now();
+                        if (records[i]++ > 0) {
+                            gaps_ms[i] = std::max(
+                                gaps_ms[i],
+                                std::chrono::duration<double, std::milli>(now - last).count());
+                        }
+                        last = now;
+                    }
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+    }
+    RadarScene::Frame frame = full_frame(OBJECTS);
+    int pushed = 0;
+    for (auto until = clock_type::now() + std::chrono::seconds(4); clock_type::now() < until;
+         ++pushed) {
+        frame.time = now_ns();
+        p.sink->push(0, frame);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    int broken = sessions_broken(bus);
+    for (int fd : fds) {
+        shutdown(fd, SHUT_RDWR);
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    for (int fd : fds) {
+        close(fd);
+    }
+    sd_bus_flush_close_unref(bus);
+    summary r = summarise(std::vector<double>(records.begin(), records.end()));
+    printf(
+        "  pushed %d; records per reader min %zu p50 %.0f max %.0f; longest gap %.1f ms;"
+        " sessions broken %d\n",
+        pushed, *std::min_element(records.begin(), records.end()), r.p50, r.max,
+        *std::max_element(gaps_ms.begin(), gaps_ms.end()), broken);
+}
+
+// 31 sessions that never read, with 100,000-object frames at 10 Hz for 2 s,
+// in 3 and in 31 option sets: the producer's peak above idle as a multiple
+// of one scene with every option.
+void stalled_memory_section() {
+    constexpr int OBJECTS = 100'000, SESSIONS = 31, FRAMES = 20;
+    printf("\n== memory: %d sessions that never read, %d objects at 10 Hz for 2 s\n", SESSIONS,
+           OBJECTS);
+    RadarScene::Frame frame = full_frame(OBJECTS);
+    std::string one;
+    RadarScene::SerializeFrameOptions all;
+    all.bounding_box = all.polygon = all.velocity = all.geolocation = all.raw = true;
+    RadarScene::serializeFrame(one, frame, all);
+    size_t scene_kib = one.size() / 1024;
+    std::string().swap(one);
+    const char* features[5] = {"BOUNDINGBOX_ENABLED", "POLYGON_ENABLED", "VELOCITY_ENABLED",
+                               "GEOLOCATION_ENABLED", "RAW_ENABLED"};
+    for (int sets : {3, 31}) {
+        auto p = std::make_unique<producer>();
+        sd_bus* bus = nullptr;
+        sd_bus_open_system(&bus);
+        std::vector<int> fds;
+        for (int i = 0; i < SESSIONS; ++i) {
+            int set = 1 + i % sets;  // 1..31: each a distinct non-empty choice
+            std::vector<const char*> chosen;
+            for (int bit = 0; bit < 5; ++bit) {
+                if (set & (1 << bit)) {
+                    chosen.push_back(features[bit]);
+                }
+            }
+            fds.push_back(subscribe(bus, chosen));
+        }
+        malloc_trim(0);
+        reset_peak_rss();
+        long idle_kib = status_kib("VmRSS");
+        for (int i = 0; i < FRAMES; ++i) {
+            frame.time = now_ns();
+            p->sink->push(0, frame);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        long peak_kib = status_kib("VmHWM");
+        sd_bus_flush_close_unref(bus);
+        p.reset();
+        for (int fd : fds) {
+            close(fd);
+        }
+        printf("  %2d option sets: scene %zu KiB, peak above idle %ld KiB (%.2fx the scene)\n",
+               sets, scene_kib, peak_kib - idle_kib,
+               static_cast<double>(peak_kib - idle_kib) / static_cast<double>(scene_kib));
+    }
+}
+
 // A call without arguments to the provider; its round trip in us.
 double round_trip_us(sd_bus* bus, const char* interface, const char* member) {
     auto start = clock_type::now();
@@ -782,9 +1015,11 @@ int main(int argc, char** argv) {
     dup2(log, STDERR_FILENO);
     using section = std::pair<const char*, void (*)()>;
     for (auto [name, run] :
-         {section{"memory", memory_section}, section{"codec", codec_section},
-          section{"fanout", fanout_section}, section{"push", push_section},
-          section{"stalled", slow_subscriber_section}, section{"storm", storm_section}}) {
+         {section{"memory", memory_section}, section{"stalledmemory", stalled_memory_section},
+          section{"codec", codec_section}, section{"overload", overload_section},
+          section{"throttled", throttled_section}, section{"fanout", fanout_section},
+          section{"push", push_section}, section{"stalled", slow_subscriber_section},
+          section{"storm", storm_section}}) {
         if (wanted(name)) {
             run();
         }

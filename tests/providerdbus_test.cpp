@@ -10,9 +10,11 @@
 
 #include <radarscene/scene.pb.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -578,7 +580,7 @@ TEST_F(Provider, StatisticsCountWhatTheReadersReadAndHowSessionsEnded) {
     EXPECT_EQ(rows[2].get<5>(), 0u);
     EXPECT_EQ(rows[2].get<8>(), "broken-error");
     EXPECT_EQ(statistics.GetChannels(),
-              std::vector<ChannelRow>{ChannelRow(0, 1, 3, 6, 0, bytes[0] + bytes[1], 1)});
+              std::vector<ChannelRow>{ChannelRow(0, 1, 3, 6, 0, bytes[0] + bytes[1], 1, 0)});
 }
 
 TEST_F(Provider, StatisticsAreRefusedAsTheSceneMethodsAre) {
@@ -593,4 +595,168 @@ TEST_F(Provider, StatisticsAreRefusedAsTheSceneMethodsAre) {
     ASSERT_EQ(checks.size(), 2u);
     EXPECT_EQ(checks[0].permission, "com.tessel.RadarSceneProvider1.Statistics.GetSessions");
     EXPECT_EQ(checks[1].permission, "com.tessel.RadarSceneProvider1.Statistics.GetChannels");
+}
+
+namespace {
+
+// `objects` objects with every optional part: about 150 bytes each in a
+// scene with every option.
+RadarScene::Frame heavy_frame(uint64_t time, int objects) {
+    RadarScene::Frame frame;
+    frame.time = time;
+    RadarScene::FrameObject o;
+    o.set_bounding_box({1.5, 2.5, 3, 4});
+    o.set_polygon({{0, 0}, {1, 0}, {1, 1}, {0, 1}, {0.5, 2}});
+    o.set_velocity({1, 2});
+    o.set_covariance(std::vector<double>(9, 0.1));
+    for (int i = 0; i < objects; ++i) {
+        o.id = i;
+        frame.objects.push_back(o);
+    }
+    return frame;
+}
+
+// Counts the whole records of a stream as it arrives, reading at most
+// `chunk` bytes at a time with `pause` after each, until the stream ends.
+struct counting_reader {
+    counting_reader(int fd, size_t chunk, std::chrono::milliseconds pause)
+        : thread([this, fd, chunk, pause] {
+              std::vector<char> buffer(chunk);
+              for (uint32_t length; recv(fd, &length, 4, MSG_WAITALL) == 4; ++records) {
+                  for (uint64_t left = ntohl(length) - 4; left > 0;) {
+                      ssize_t n = read(fd, buffer.data(), std::min<uint64_t>(left, chunk));
+                      if (n <= 0) {
+                          return;
+                      }
+                      left -= static_cast<uint64_t>(n);
+                      std::this_thread::sleep_for(pause);
+                  }
+              }
+          }) {}
+    ~counting_reader() { thread.join(); }
+
+    std::atomic<uint64_t> records{0};
+    std::thread thread;
+};
+
+}  // namespace
+
+// Large frames pushed back to back: the sending thread takes the newest
+// frame whenever it can write, the readers get a share of them, and every
+// frame a session did not get is counted, at the hand-off or after it.
+TEST_F(Provider, FramesPushedFasterThanTheyAreSentFlowAndEveryLossIsCounted) {
+    start();
+    StatisticsClient statistics(*client_connection);
+    auto [plain, plain_id] = client->SubscribeSocket(3, 0, {});
+    auto [boxed, boxed_id] = client->SubscribeSocket(3, 0, {{"BOUNDINGBOX_ENABLED", true}});
+    constexpr uint64_t FRAMES = 200;
+    RadarScene::Frame frame = heavy_frame(0, 12'000);  // 1.4 MB with boxes
+    {
+        counting_reader readers[2] = {{plain.get(), 1 << 16, {}}, {boxed.get(), 1 << 16, {}}};
+        for (uint64_t time = 1; time <= FRAMES; ++time) {
+            frame.time = time;
+            channel_handler_push(*handler, 0, frame, 0);
+        }
+        auto sessions_done = [&] {
+            for (const SessionRow& row : statistics.GetSessions()) {
+                if (row.get<5>() + row.get<6>() != FRAMES) {
+                    return false;
+                }
+            }
+            return true;
+        };
+        EXPECT_TRUE(wait_until(sessions_done, std::chrono::seconds(30)));
+        auto rows = statistics.GetSessions();
+        ASSERT_EQ(rows.size(), 2u);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_TRUE(wait_until([&] { return readers[i].records == rows[i].get<5>(); }));
+            EXPECT_GE(readers[i].records, FRAMES / 10) << "session " << i;
+            EXPECT_EQ(rows[i].get<8>(), "active");
+        }
+        auto channels = statistics.GetChannels();
+        ASSERT_EQ(channels.size(), 1u);
+        EXPECT_EQ(channels[0].get<2>(), FRAMES);
+        EXPECT_EQ(channels[0].get<4>(), rows[0].get<6>() + rows[1].get<6>());
+        EXPECT_LE(channels[0].get<7>(), std::min(rows[0].get<6>(), rows[1].get<6>()));
+        shutdown(plain.get(), SHUT_RDWR);
+        shutdown(boxed.get(), SHUT_RDWR);
+    }
+}
+
+// Readers that take 64 KiB every 100 ms, each with options of its own, beside
+// large scenes pushed back to back: each record moves on as its socket takes
+// bytes, however long it takes, and no reader is ever broken.
+TEST_F(Provider, ThrottledReadersInEightOptionSetsAreWrittenAsFastAsTheyRead) {
+    start();
+    StatisticsClient statistics(*client_connection);
+    std::vector<sdbus::UnixFd> fds;
+    for (int set = 0; set < 8; ++set) {
+        fds.push_back(std::get<0>(client->SubscribeSocket(3, 0,
+                                                          {{"BOUNDINGBOX_ENABLED", set & 1},
+                                                           {"POLYGON_ENABLED", (set & 2) != 0},
+                                                           {"VELOCITY_ENABLED", (set & 4) != 0}})));
+    }
+    std::vector<std::unique_ptr<counting_reader>> readers;
+    for (auto& fd : fds) {
+        readers.push_back(
+            std::make_unique<counting_reader>(fd.get(), 1 << 16, std::chrono::milliseconds(100)));
+    }
+    // Scenes of 0.6 to 1.5 MB, several socket buffers each and more than a
+    // second's reading for most, pushed back to back without waiting, so that
+    // a frame is always pending, until every reader has read two.
+    std::atomic<bool> pushing{true};
+    std::thread producer([&] {
+        RadarScene::Frame frame = heavy_frame(0, 10'000);
+        for (frame.time = 1; pushing; ++frame.time) {
+            channel_handler_try_push(*handler, 0, frame, 0);
+        }
+    });
+    EXPECT_TRUE(wait_until(
+        [&] {
+            return std::all_of(readers.begin(), readers.end(),
+                               [](auto& reader) { return reader->records >= 2; });
+        },
+        std::chrono::seconds(60)));
+    pushing = false;
+    producer.join();
+    for (const SessionRow& row : statistics.GetSessions()) {
+        EXPECT_EQ(row.get<8>(), "active") << "session " << row.get<0>();
+    }
+    for (auto& fd : fds) {
+        shutdown(fd.get(), SHUT_RDWR);
+    }
+    readers.clear();
+}
+
+// The last session unsubscribed while its subscriber has a record half read:
+// the call returns, pushes go on and the loop answers, all while the record
+// waits; then the subscriber reads it whole, and its stream ends there.
+TEST_F(Provider, UnsubscribingTheLastSessionMidRecordHoldsUpNeitherPushNorBus) {
+    start();
+    handler->channels[0]->scene_sender->record_timeout = std::chrono::minutes(10);
+    auto [fd, id] = client->SubscribeSocket(3, 0, {});
+    RadarScene::Frame frame = heavy_frame(1, 12'000);
+    channel_handler_push(*handler, 0, frame, 0);
+    ASSERT_TRUE(wait_until([&] {
+        int queued = 0;
+        return ioctl(fd.get(), FIONREAD, &queued) == 0 && queued > 0;
+    }));
+    std::atomic<int> pushed{0};
+    std::thread producer([&] {
+        for (uint64_t time = 2; time < 50; ++time, ++pushed) {
+            frame.time = time;
+            channel_handler_push(*handler, 0, frame, 0);
+        }
+    });
+    EXPECT_NO_THROW(client->UnsubscribeSocket(id));
+    producer.join();
+    EXPECT_EQ(pushed, 48);
+    client->getProxy().callMethod("Ping").onInterface("org.freedesktop.DBus.Peer");
+    std::string payload;
+    ASSERT_TRUE(read_record(fd.get(), payload));
+    RadarScene::Scene scene;
+    ASSERT_TRUE(scene.ParseFromString(payload));
+    EXPECT_EQ(scene.time(), 1u);
+    char byte;
+    EXPECT_EQ(read(fd.get(), &byte, 1), 0);
 }

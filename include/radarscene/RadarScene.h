@@ -196,7 +196,9 @@ public:
     void addSupportedChannel(int channel);
     void addObjectClassification(int id, const char* name);
     // Classes whose bit is set are dropped from the scenes of subscribers
-    // that did not ask for raw output; applies to every later push.
+    // that did not ask for raw output; applies to every later push. Safe to
+    // call from any thread: a push running meanwhile uses the old mask or
+    // the new one, for its subscribers and topics alike.
     void setRawMask(unsigned long mask);
 
     // Hands the frame to the channel's subscribers (written on a worker

@@ -17,6 +17,9 @@ channel_t::~channel_t() {
     if (scene_pipeline) {
         scene_pipeline_stop(*scene_pipeline);
     }
+    for (auto& pipeline : retiring) {
+        scene_pipeline_stop(*pipeline);
+    }
 }
 
 void channel_set_error_callback(channel_t& channel, std::function<void(int)> callback) {
@@ -37,6 +40,7 @@ void create_and_start_pipeline(channel_t& channel) {
 
 unique_fd channel_add_session(channel_t& channel, std::unique_ptr<session_t> session) {
     RS_ASSERT(session);
+    channel_reap_pipelines(channel);
     if (!has_pipeline(channel)) {
         create_and_start_pipeline(channel);
     }
@@ -52,15 +56,30 @@ bool channel_remove_session(channel_t& channel, int id) {
     if (!scene_sender_remove_session(*channel.scene_sender, id)) {
         return false;
     }
+    channel_reap_pipelines(channel);
     if (scene_sender_get_num_sessions(*channel.scene_sender) > 0) {
         return true;
     }
-    std::lock_guard lock(channel.mutex);
-    if (channel.scene_pipeline) {
-        scene_pipeline_stop(*channel.scene_pipeline);
-        channel.scene_pipeline.reset();
+    std::unique_ptr<scene_pipeline_t> pipeline;
+    {
+        std::lock_guard lock(channel.mutex);
+        pipeline = std::move(channel.scene_pipeline);
+    }
+    if (pipeline) {
+        scene_pipeline_retire(*pipeline);
+        channel.retiring.push_back(std::move(pipeline));
     }
     return true;
+}
+
+void channel_reap_pipelines(channel_t& channel) {
+    std::erase_if(channel.retiring, [](std::unique_ptr<scene_pipeline_t>& pipeline) {
+        if (!scene_pipeline_finished(*pipeline)) {
+            return false;
+        }
+        scene_pipeline_stop(*pipeline);
+        return true;
+    });
 }
 
 void channel_push(channel_t& channel, const RadarScene::Frame& frame, unsigned long raw_mask) {

@@ -138,6 +138,15 @@ int channel_handler_drain_broken_sessions(channel_handler_t& handler) {
     return remove_sessions(handler, ids);
 }
 
+void channel_handler_reap_pipelines(channel_handler_t& handler) {
+    std::lock_guard lock(handler.sessions_mutex);
+    for (auto& channel : handler.channels) {
+        if (channel) {
+            channel_reap_pipelines(*channel);
+        }
+    }
+}
+
 void channel_handler_push(channel_handler_t& handler, int channel_index,
                           const RadarScene::Frame& frame, unsigned long raw_mask) {
     if (channel_t* channel = channel_at(handler, channel_index)) {

@@ -55,6 +55,9 @@ int channel_handler_clear_broken_sessions(channel_handler_t& handler);
 // Removes the queued broken sessions whatever their number, the recovery
 // for a queue that the clear step refuses. Returns their number.
 int channel_handler_drain_broken_sessions(channel_handler_t& handler);
+// Joins the workers of channels left without sessions once they have
+// finished their last records; runs on the event loop.
+void channel_handler_reap_pipelines(channel_handler_t& handler);
 // Hands the frame to the channel's subscribers, if the channel has any.
 // `channel_index` must be 0..MAX_CHANNELS-1.
 void channel_handler_push(channel_handler_t& handler, int channel_index,

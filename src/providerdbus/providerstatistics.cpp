@@ -42,7 +42,8 @@ std::vector<ChannelRow> ProviderStatistics::GetChannels() {
     std::vector<ChannelRow> rows;
     for (const channel_stats_t& c : channels) {
         rows.emplace_back(c.channel, c.active_sessions, c.frames_pushed, c.scenes_written,
-                          c.frames_replaced, c.bytes_written, c.sessions_broken);
+                          c.frames_replaced, c.bytes_written, c.sessions_broken,
+                          c.handoff_replaced);
     }
     return rows;
 }

@@ -14,7 +14,7 @@ namespace API::SdBusCpp {
 using SessionRow = sdbus::Struct<int32_t, int32_t, int64_t, uint32_t, std::string, uint64_t,
                                  uint64_t, uint64_t, std::string>;
 using ChannelRow =
-    sdbus::Struct<int32_t, uint32_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t>;
+    sdbus::Struct<int32_t, uint32_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t>;
 
 // Served next to the Scene object on the producer's connection, on its
 // event-loop thread; every method checks the caller as the Scene ones do.

@@ -27,6 +27,17 @@ void scene_pipeline_stop(scene_pipeline_t& pipeline) {
     pipeline.state = PIPELINE_STATE_STOPPED;
 }
 
+void scene_pipeline_retire(scene_pipeline_t& pipeline) {
+    RS_ASSERT(pipeline.state == PIPELINE_STATE_RUNNING && "Pipeline is already stopped!");
+    if (pipeline.scene_sink) {
+        scene_sink_request_stop(*pipeline.scene_sink);
+    }
+}
+
+bool scene_pipeline_finished(const scene_pipeline_t& pipeline) {
+    return !pipeline.scene_sink || scene_sink_finished(*pipeline.scene_sink);
+}
+
 void scene_pipeline_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,
                          unsigned long raw_mask) {
     if (pipeline.scene_sink) {

@@ -21,6 +21,10 @@ struct scene_pipeline_t {
 std::unique_ptr<scene_pipeline_t> scene_pipeline_create(scene_sender_t* sender);
 void scene_pipeline_start(scene_pipeline_t& pipeline);
 void scene_pipeline_stop(scene_pipeline_t& pipeline);
+// Tells the sink's worker to stop and returns at once; scene_pipeline_stop
+// then joins it, at once when scene_pipeline_finished says so.
+void scene_pipeline_retire(scene_pipeline_t& pipeline);
+bool scene_pipeline_finished(const scene_pipeline_t& pipeline);
 void scene_pipeline_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,
                          unsigned long raw_mask);
 void scene_pipeline_try_push(scene_pipeline_t& pipeline, const RadarScene::Frame& frame,

@@ -26,8 +26,11 @@ using clock_type = std::chrono::steady_clock;
 constexpr timeval SEND_TIMEOUT = {1, 0};
 constexpr size_t TRIM_AFTER_BYTES = 8 << 20;
 constexpr size_t OPTION_SETS = 32;
+// Assembled copies that stalled records may hold beyond one encoding.
+constexpr size_t MIN_COPY_BUDGET_BYTES = 8 << 20;
 
 using scene_ptr = std::shared_ptr<const std::string>;
+using encoding_ptr = std::shared_ptr<const scene_encoding_t>;
 
 RadarScene::SerializeFrameOptions session_options(const session_t& session) {
     RadarScene::SerializeFrameOptions options;
@@ -62,12 +65,31 @@ void update_wanted_parts(scene_sender_t& sender) {
     sender.wanted_parts = parts;
 }
 
-// Drops a reference to a scene, counting its memory when it was the last.
+// Drops a reference to a scene or an encoding, counting its memory when it
+// was the last.
 void release(scene_sender_t& sender, scene_ptr& scene) {
     if (scene && scene.use_count() == 1) {
         sender.freed_bytes += scene->capacity();
     }
     scene.reset();
+}
+
+void release(scene_sender_t& sender, encoding_ptr& encoding) {
+    if (encoding && encoding.use_count() == 1) {
+        sender.freed_bytes += encoding->bytes.capacity();
+    }
+    encoding.reset();
+}
+
+// The session's scene of `encoding`: the encoding's own bytes where they
+// are that scene, else a copy put together from its parts.
+scene_ptr assemble(const encoding_ptr& encoding, const RadarScene::SerializeFrameOptions& options) {
+    if (scene_encoding_is_scene(*encoding, options)) {
+        return scene_ptr(encoding, &encoding->bytes);
+    }
+    auto scene = std::make_shared<std::string>();
+    scene_encoding_assemble(*scene, *encoding, options);
+    return scene;
 }
 
 // After huge scenes have been freed the allocator is asked to give the
@@ -116,21 +138,53 @@ void mark_broken(scene_sender_t& sender, session_t& session, int error) {
     session_set_state(session, SESSION_STATE_BROKEN);
     ++sender.totals.sessions_broken;
     release(sender, session.record);
+    release(sender, session.record_encoding);
     release(sender, session.next);
 }
 
-// Makes `scene` the session's record in progress.
-void start_record(session_t& session, scene_ptr scene, clock_type::time_point now) {
+// Makes the scene of `encoding` the session's record in progress; `scene`
+// is that scene, or null to put it together when it is written.
+void start_record(session_t& session, scene_ptr scene, encoding_ptr encoding,
+                  clock_type::time_point now) {
     session.record = std::move(scene);
+    session.record_encoding = std::move(encoding);
     session.record_written = 0;
     session.record_since = now;
 }
 
+// Counts frame `seq` for the session, and as replaced those between it and
+// the last one that counted: a newer frame took their place at the
+// hand-off, or they were pushed as the session subscribed with options
+// their encoding lacks. The caller holds the mutex.
+void count_frame(scene_sender_t& sender, session_t& session, uint64_t seq) {
+    uint64_t skipped = seq - session.last_seq - 1;
+    session.frames_replaced += skipped;
+    sender.totals.frames_replaced += skipped;
+    session.last_seq = seq;
+}
+
+// The scene of the session's record, shared with another session that has
+// the same options and frame, or else put together again.
+scene_ptr shared_copy(const scene_sender_t& sender, const session_t& session) {
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& other : *list) {
+            if (other->record && other->record_encoding == session.record_encoding &&
+                options_key(*other) == options_key(session)) {
+                return other->record;
+            }
+        }
+    }
+    return assemble(session.record_encoding, session_options(session));
+}
+
 // Writes the record in progress, and those after it, until the socket takes
 // no more: 0 when no record is left, -EAGAIN when the socket is full, or the
-// negative errno of a failed write.
-int write_records(scene_sender_t& sender, session_t& session) {
-    while (session.record) {
+// negative errno of a failed write. Any byte taken restarts the deadline.
+int write_records(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
+    while (session.record_encoding) {
+        if (!session.record) {
+            session.record = shared_copy(sender, session);
+        }
         const std::string& scene = *session.record;
         uint32_t header = htonl(static_cast<uint32_t>(scene.size() + sizeof(header)));
         iovec buffers[2] = {{&header, sizeof(header)},
@@ -148,24 +202,86 @@ int write_records(scene_sender_t& sender, session_t& session) {
         session.record_written += written;
         session.bytes_written += written;
         sender.totals.bytes_written += written;
+        if (written > 0) {
+            session.record_since = now;
+        }
         if (result < 0) {
             return result;
         }
         ++session.scenes_written;
         ++sender.totals.scenes_written;
         release(sender, session.record);
+        release(sender, session.record_encoding);
         if (session.next) {
-            start_record(session, std::move(session.next), clock_type::now());
+            start_record(session, nullptr, std::move(session.next), now);
         }
     }
     return 0;
+}
+
+// Drops the assembled copies of stalled records, those whose sockets took
+// bytes longest ago first, while they take more than the budget: a dropped
+// copy is put together again from its encoding when its socket takes bytes.
+// So sessions in many option sets that stop reading hold their encodings,
+// shared, instead of a copy each. Copies of subscribers seen reading in
+// this round or the last are kept whatever the budget. The caller holds the
+// mutex.
+void trim_copies(scene_sender_t& sender) {
+    struct copy_t {
+        const std::string* scene;
+        clock_type::time_point since;
+    };
+    std::vector<copy_t> copies;
+    std::vector<const std::string*> reading;
+    size_t held = 0;
+    for (const auto* list : {&sender.session_list, &sender.closing}) {
+        for (const auto& session : *list) {
+            const scene_ptr& scene = session->record;
+            if (!scene || scene.get() == &session->record_encoding->bytes) {
+                continue;
+            }
+            if (session->read_round != 0 && session->read_round + 1 >= sender.round) {
+                reading.push_back(scene.get());
+                continue;
+            }
+            auto known = std::find_if(copies.begin(), copies.end(),
+                                      [&](const copy_t& c) { return c.scene == scene.get(); });
+            if (known == copies.end()) {
+                copies.push_back({scene.get(), session->record_since});
+                held += scene->size();
+            } else {
+                known->since = std::min(known->since, session->record_since);
+            }
+        }
+    }
+    if (held <= sender.copy_budget) {
+        return;
+    }
+    std::sort(copies.begin(), copies.end(),
+              [](const copy_t& a, const copy_t& b) { return a.since < b.since; });
+    for (const copy_t& copy : copies) {
+        if (held <= sender.copy_budget) {
+            break;
+        }
+        if (std::find(reading.begin(), reading.end(), copy.scene) != reading.end()) {
+            continue;
+        }
+        held -= copy.scene->size();
+        for (const auto* list : {&sender.session_list, &sender.closing}) {
+            for (const auto& session : *list) {
+                if (session->record.get() == copy.scene) {
+                    release(sender, session->record);
+                }
+            }
+        }
+    }
 }
 
 // Writes what the socket takes of the session's records, breaking it when a
 // write fails or its record in progress has waited out its deadline. True
 // when the session broke.
 bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
-    int result = write_records(sender, session);
+    int result = write_records(sender, session, now);
     if (result == 0 || (result == -EAGAIN && now - session.record_since < sender.record_timeout)) {
         return false;
     }
@@ -173,12 +289,23 @@ bool write_on(scene_sender_t& sender, session_t& session, clock_type::time_point
     return true;
 }
 
+// write_on for a session whose socket poll found ready, noting the round
+// when it took bytes.
+bool write_ready(scene_sender_t& sender, session_t& session, clock_type::time_point now) {
+    uint64_t before = session.bytes_written;
+    bool broke = write_on(sender, session, now);
+    if (session.bytes_written != before) {
+        session.read_round = sender.round;
+    }
+    return broke;
+}
+
 // Whether any session, removed ones included, has a record in progress;
 // the caller holds the mutex.
 bool records_in_progress(const scene_sender_t& sender) {
     for (const auto* list : {&sender.session_list, &sender.closing}) {
         for (const auto& session : *list) {
-            if (session->record && healthy(*session)) {
+            if (session->record_encoding && healthy(*session)) {
                 return true;
             }
         }
@@ -220,6 +347,9 @@ int scene_sender_add_session(scene_sender_t& sender, std::unique_ptr<session_t>&
         return -1;
     }
     session->subscribed_usec = realtime_usec();
+    // The frames numbered after this one are the session's; one encoded
+    // without its parts is counted as replaced when the next one reaches it.
+    session->last_seq = sender.frames_pushed.load();
     session_set_fd(*session, std::move(own_end));
     subscriber_fd = std::move(peer_end);
     sender.session_list.push_back(std::move(session));
@@ -232,7 +362,7 @@ bool scene_sender_remove_session(scene_sender_t& sender, int id) {
     for (auto it = sender.session_list.begin(); it != sender.session_list.end(); ++it) {
         session_t& session = **it;
         if (session_get_id(session) == id) {
-            if (session.record && session.record_written > 0) {
+            if (session.record_encoding && session.record_written > 0) {
                 // The record the subscriber has begun to read is finished
                 // first; nothing follows it.
                 release(sender, session.next);
@@ -264,88 +394,70 @@ bool scene_sender_has_session(const scene_sender_t& sender, int id) {
     return false;
 }
 
-bool scene_sender_send(scene_sender_t& sender, scene_encoding_t& encoding,
-                       const std::function<void()>& done_with_encoding) {
-    // Sessions with the same options get the same bytes: each distinct
-    // option set is assembled once per send, unless the encoding's own
-    // bytes are its scene.
+bool scene_sender_send(scene_sender_t& sender, std::shared_ptr<scene_encoding_t>& encoding,
+                       uint64_t seq) {
+    encoding_ptr shared = encoding;
+    // Sessions with a record in progress get the frame as their next, as
+    // its encoding; the others get it now, each distinct option set's scene
+    // put together once and written to its sessions before the next set's,
+    // so that no more than one copy is made at a time.
     std::array<RadarScene::SerializeFrameOptions, OPTION_SETS> options;
-    uint32_t distinct = 0;
+    uint32_t idle = 0;
     {
         std::lock_guard lock(sender.mutex);
-        for (const auto& session : sender.session_list) {
-            unsigned key = options_key(*session);
-            if (!healthy(*session) || (distinct & (1u << key))) {
+        sender.copy_budget = std::max(MIN_COPY_BUDGET_BYTES, shared->bytes.size() / 2);
+        for (const auto& session_ptr : sender.session_list) {
+            session_t& session = *session_ptr;
+            unsigned key = options_key(session);
+            options[key] = session_options(session);
+            if (!healthy(session) || seq <= session.last_seq ||
+                !scene_encoding_serves(*shared, options[key])) {
                 continue;
             }
-            options[key] = session_options(*session);
-            if (scene_encoding_serves(encoding, options[key])) {
-                distinct |= 1u << key;
+            if (!session.record_encoding) {
+                idle |= 1u << key;
+                continue;
             }
+            count_frame(sender, session, seq);
+            sender.totals.frames_replaced += session.next ? 1 : 0;
+            session.frames_replaced += session.next ? 1 : 0;
+            release(sender, session.next);
+            session.next = shared;
         }
     }
-    std::array<std::shared_ptr<std::string>, OPTION_SETS> scenes;
-    uint32_t as_encoded = 0;
+    bool any_broke = false;
     for (unsigned key = 0; key < OPTION_SETS; ++key) {
-        if (!(distinct & (1u << key))) {
+        if (!(idle & (1u << key))) {
             continue;
         }
-        if (scene_encoding_is_scene(encoding, options[key])) {
-            as_encoded |= 1u << key;
-        } else {
-            scenes[key] = std::make_shared<std::string>();
-            scene_encoding_assemble(*scenes[key], encoding, options[key]);
-        }
-    }
-    // The encoding's bytes, lent to the sessions that write them as they are.
-    std::shared_ptr<std::string> lent;
-    if (as_encoded) {
-        lent = std::make_shared<std::string>(std::move(encoding.bytes));
-        for (unsigned key = 0; key < OPTION_SETS; ++key) {
-            if (as_encoded & (1u << key)) {
-                scenes[key] = lent;
-            }
-        }
-    } else if (done_with_encoding) {
-        done_with_encoding();
-    }
-
-    bool any_broke = false;
-    bool in_progress = false;
-    size_t freed = 0;
-    {
+        scene_ptr scene = assemble(shared, options[key]);
         std::lock_guard lock(sender.mutex);
         clock_type::time_point now = clock_type::now();
         for (const auto& session_ptr : sender.session_list) {
             session_t& session = *session_ptr;
-            const std::shared_ptr<std::string>& scene = scenes[options_key(session)];
-            if (!healthy(session) || !scene) {
+            if (options_key(session) != key || !healthy(session) || seq <= session.last_seq ||
+                session.record_encoding) {
                 continue;
             }
-            if (session.record) {
-                sender.totals.frames_replaced += session.next ? 1 : 0;
-                session.frames_replaced += session.next ? 1 : 0;
-                release(sender, session.next);
-                session.next = scene;
-                continue;
-            }
-            start_record(session, scene, now);
+            count_frame(sender, session, seq);
+            start_record(session, scene, shared, now);
             any_broke |= write_on(sender, session, now);
         }
-        for (auto& scene : scenes) {
-            scene_ptr released = std::move(scene);
-            if (released != lent) {
-                release(sender, released);
-            }
+        release(sender, scene);
+        trim_copies(sender);
+    }
+    bool in_progress = false;
+    size_t freed = 0;
+    {
+        std::lock_guard lock(sender.mutex);
+        // Sessions that still need the encoding keep it; the caller's next
+        // frame is encoded elsewhere.
+        if (shared.use_count() > 2) {
+            encoding = std::make_shared<scene_encoding_t>();
         }
-        if (lent && lent.use_count() == 1) {
-            encoding.bytes = std::move(*lent);  // its storage serves the next frame
-        }
+        shared.reset();
         in_progress = records_in_progress(sender);
         freed = take_freed_bytes(sender);
-    }
-    if (lent && done_with_encoding) {
-        done_with_encoding();
     }
     trim_after(freed);
     if (any_broke) {
@@ -360,7 +472,7 @@ int scene_sender_pending(const scene_sender_t& sender, std::vector<pollfd>& poll
     std::optional<clock_type::time_point> first;
     for (const auto* list : {&sender.session_list, &sender.closing}) {
         for (const auto& session : *list) {
-            if (session->record && healthy(*session)) {
+            if (session->record_encoding && healthy(*session)) {
                 polls.push_back({session_get_fd(*session), POLLOUT, 0});
                 first = std::min(first.value_or(session->record_since), session->record_since);
             }
@@ -381,24 +493,26 @@ bool scene_sender_write_on(scene_sender_t& sender, const std::vector<pollfd>& po
     {
         std::lock_guard lock(sender.mutex);
         clock_type::time_point now = clock_type::now();
+        ++sender.round;
         for (const auto& session : sender.session_list) {
-            if (session->record && healthy(*session) &&
+            if (session->record_encoding && healthy(*session) &&
                 (ready(*session, polls) || now - session->record_since >= sender.record_timeout)) {
-                any_broke |= write_on(sender, *session, now);
+                any_broke |= write_ready(sender, *session, now);
             }
         }
         for (auto it = sender.closing.begin(); it != sender.closing.end();) {
             session_t& session = **it;
             if (ready(session, polls) || now - session.record_since >= sender.record_timeout) {
-                write_on(sender, session, now);
+                write_ready(sender, session, now);
             }
-            if (session.record && healthy(session)) {
+            if (session.record_encoding && healthy(session)) {
                 ++it;
                 continue;
             }
             remember_ended(sender, session);
             it = sender.closing.erase(it);
         }
+        trim_copies(sender);
         in_progress = records_in_progress(sender);
         freed = take_freed_bytes(sender);
     }
@@ -430,6 +544,7 @@ void scene_sender_get_stats(const scene_sender_t& sender, std::vector<session_st
     totals = sender.totals;
     totals.active_sessions = static_cast<uint32_t>(sender.session_list.size());
     totals.frames_pushed = sender.frames_pushed.load(std::memory_order_relaxed);
+    totals.handoff_replaced = sender.handoff_replaced.load(std::memory_order_relaxed);
 }
 
 int cleanup_broken_sessions(scene_sender_t& sender) {

@@ -35,14 +35,18 @@ void wake(scene_sink_t& sink) {
 }
 
 // Takes a frame's wake-up, or waits for one, for a socket in `polls` to take
-// more bytes, or for `timeout_ms`. True when it took a frame's wake-up.
+// more bytes, or for `timeout_ms`. The sockets are polled even when a frame
+// is there already, so that every round writes on to those that take bytes.
+// True when it took a frame's wake-up.
 bool wait_frame_or_sockets(scene_sink_t& sink, std::vector<pollfd>& polls, int timeout_ms) {
-    if (sem_trywait(&sink.frame_ready) == 0) {
-        return true;
-    }
-    sink.polling.exchange(1, std::memory_order_acq_rel);
     bool frame = sem_trywait(&sink.frame_ready) == 0;
     if (!frame) {
+        sink.polling.exchange(1, std::memory_order_acq_rel);
+        frame = sem_trywait(&sink.frame_ready) == 0;
+    }
+    if (frame) {
+        poll(polls.data(), polls.size(), 0);
+    } else {
         polls.push_back({sink.wakeup.get(), POLLIN, 0});
         poll(polls.data(), polls.size(), timeout_ms);
         if (polls.back().revents) {
@@ -86,24 +90,25 @@ bool copy_small_frame(RadarScene::Frame& copy, const RadarScene::Frame& frame) {
     return true;
 }
 
-// The frame's hand-off, filled in the storage of the pending one it is
-// about to replace, or of the spare, so that a producer running ahead of the
-// sending thread needs no more memory. Runs without a lock: pushes to one
-// sink are serialised by its channel.
+// The frame's hand-off, filled in the storage of the spare, never in that of
+// the pending one: the worker may take that at any moment, and a producer
+// that kept taking it back would leave the worker nothing to send. Runs
+// without a lock: pushes to one sink are serialised by its channel.
 std::unique_ptr<scene_handoff_t> hand_off(scene_sink_t& sink, const RadarScene::Frame& frame,
-                                          unsigned long raw_mask) {
+                                          unsigned long raw_mask, uint64_t seq) {
     std::unique_ptr<scene_handoff_t> handoff;
     {
         std::lock_guard lock(sink.frame_mutex);
-        handoff = std::move(sink.pending ? sink.pending : sink.spare);
+        handoff = std::move(sink.spare);
     }
     if (!handoff) {
         handoff = std::make_unique<scene_handoff_t>();
     }
+    handoff->seq = seq;
     handoff->encoded = !copy_small_frame(handoff->frame, frame);
     if (handoff->encoded) {
         handoff->frame = {};
-        scene_encoding_fill(handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
+        scene_encoding_fill(*handoff->encoding, frame, static_cast<uint32_t>(raw_mask),
                             sink.sender->wanted_parts);
     } else {
         handoff->raw_mask = raw_mask;
@@ -112,30 +117,39 @@ std::unique_ptr<scene_handoff_t> hand_off(scene_sink_t& sink, const RadarScene::
 }
 
 // Puts `handoff` into the pending slot; the caller holds frame_mutex. One it
-// replaces becomes the spare.
+// replaces is counted and becomes the spare.
 void set_pending(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
     std::swap(sink.pending, handoff);
-    if (handoff && !sink.spare) {
-        sink.spare = std::move(handoff);
-    }
-}
-
-// Worker side: sends the scene of `handoff`, encoding it first if the push
-// did not. The hand-off is kept as the spare as soon as its encoding is read
-// no more, so a push during the writes of assembled scenes reuses its
-// storage. True while records are in progress.
-bool send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
-    if (!handoff->encoded) {
-        scene_encoding_fill(handoff->encoding, handoff->frame,
-                            static_cast<uint32_t>(handoff->raw_mask), sink.sender->wanted_parts);
-    }
-    return scene_sender_send(*sink.sender, handoff->encoding, [&] {
-        scene_encoding_trim(handoff->encoding);
-        std::lock_guard lock(sink.frame_mutex);
+    if (handoff) {
+        sink.sender->handoff_replaced.fetch_add(1, std::memory_order_relaxed);
         if (!sink.spare) {
             sink.spare = std::move(handoff);
         }
-    });
+    }
+}
+
+// The number of the frame being pushed. Sequentially consistent, as a
+// subscription reads it to learn which frames are its own (see
+// scene_sender_add_session).
+uint64_t count_push(scene_sink_t& sink) {
+    return sink.sender->frames_pushed.fetch_add(1) + 1;
+}
+
+// Worker side: sends the scene of `handoff`, encoding it first if the push
+// did not, and keeps the hand-off as the spare for its storage. True while
+// records are in progress.
+bool send(scene_sink_t& sink, std::unique_ptr<scene_handoff_t> handoff) {
+    if (!handoff->encoded) {
+        scene_encoding_fill(*handoff->encoding, handoff->frame,
+                            static_cast<uint32_t>(handoff->raw_mask), sink.sender->wanted_parts);
+    }
+    bool in_progress = scene_sender_send(*sink.sender, handoff->encoding, handoff->seq);
+    scene_encoding_trim(*handoff->encoding);
+    std::lock_guard lock(sink.frame_mutex);
+    if (!sink.spare) {
+        sink.spare = std::move(handoff);
+    }
+    return in_progress;
 }
 
 }  // namespace
@@ -165,20 +179,30 @@ void scene_sink_start(scene_sink_t& sink) {
     RS_ASSERT(!sink.run_thread);
     RS_ASSERT(!sink.sink_thread.joinable());
     sink.run_thread = true;
+    sink.thread_done = false;
     post(sink.slot_free);
     sink.sink_thread = std::thread(sink_thread_main, std::ref(sink));
     sink.state = SINK_STATE_RUNNING;
 }
 
-void scene_sink_stop(scene_sink_t& sink) {
+void scene_sink_request_stop(scene_sink_t& sink) {
     std::lock_guard lock(sink.state_mutex);
     RS_ASSERT(sink.state == SINK_STATE_RUNNING && "Sink is already stopped.");
-    RS_ASSERT(sink.run_thread);
+    if (sink.run_thread.exchange(false)) {
+        post(sink.slot_free);
+        wake(sink);
+    }
+}
+
+bool scene_sink_finished(const scene_sink_t& sink) {
+    return sink.thread_done.load();
+}
+
+void scene_sink_stop(scene_sink_t& sink) {
+    scene_sink_request_stop(sink);
+    std::lock_guard lock(sink.state_mutex);
     RS_ASSERT(sink.sink_thread.joinable());
     RS_ASSERT(std::this_thread::get_id() != sink.sink_thread.get_id());
-    sink.run_thread = false;
-    post(sink.slot_free);
-    wake(sink);
     sink.sink_thread.join();
     sink.state = SINK_STATE_STOPPED;
 }
@@ -187,9 +211,9 @@ void scene_sink_push(scene_sink_t& sink, const RadarScene::Frame& frame, unsigne
     if (!sink.run_thread) {
         return;
     }
-    sink.sender->frames_pushed.fetch_add(1, std::memory_order_relaxed);
+    uint64_t seq = count_push(sink);
     wait(sink.slot_free);
-    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
+    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask, seq);
     {
         std::lock_guard lock(sink.frame_mutex);
         set_pending(sink, std::move(handoff));
@@ -202,8 +226,7 @@ void scene_sink_try_push(scene_sink_t& sink, const RadarScene::Frame& frame,
     if (!sink.run_thread) {
         return;
     }
-    sink.sender->frames_pushed.fetch_add(1, std::memory_order_relaxed);
-    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask);
+    std::unique_ptr<scene_handoff_t> handoff = hand_off(sink, frame, raw_mask, count_push(sink));
     bool got_slot;
     {
         // Without a free slot the other tokens are with the worker or in
@@ -253,4 +276,5 @@ void sink_thread_main(scene_sink_t& sink) {
     }
     // The records that subscribers have begun to read are finished.
     scene_sender_finish(*sink.sender);
+    sink.thread_done = true;
 }

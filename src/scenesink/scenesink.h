@@ -26,16 +26,21 @@ enum sink_state_t : int32_t {
 struct scene_handoff_t {
     RadarScene::Frame frame;
     unsigned long raw_mask = 0;
+    uint64_t seq = 0;      // the frame's number among the channel's pushes, from 1
     bool encoded = false;  // `encoding` holds the frame's scene, `frame` is unused
-    scene_encoding_t encoding;
+    // Never null. Shared with the sessions still writing its scene once it
+    // is sent; the sender then gives the hand-off a new one.
+    std::shared_ptr<scene_encoding_t> encoding = std::make_shared<scene_encoding_t>();
 };
 
 // Hands frames from the producer to a worker thread that sends them. The
 // single pending slot holds the newest frame not yet taken: a newer push
-// replaces it, so slow subscribers never make memory grow. A push fills its
-// hand-off outside any lock. `slot_free` lets the producer run a few pushes
-// ahead of the worker before it blocks. One spare hand-off is kept for its
-// storage.
+// replaces it (counted in the sender's handoff_replaced), so slow
+// subscribers never make memory grow. A push fills a hand-off of its own
+// outside any lock, never the pending one, which the worker may take at any
+// moment: at most three exist, the worker's, the pending one and the one
+// being filled. `slot_free` lets the producer run a few pushes ahead of the
+// worker before it blocks. One spare hand-off is kept for its storage.
 //
 // While sessions have records in progress the worker polls their sockets
 // instead of waiting on `frame_ready`; it raises `polling` then, and a
@@ -54,13 +59,19 @@ struct scene_sink_t {
     std::unique_ptr<scene_handoff_t> pending;
     std::unique_ptr<scene_handoff_t> spare;
     std::atomic<unsigned> polling{0};
-    unique_fd wakeup;  // an eventfd
+    unique_fd wakeup;                      // an eventfd
+    std::atomic<bool> thread_done{false};  // the worker has returned
 };
 
 std::unique_ptr<scene_sink_t> scene_sink_create(scene_sender_t* sender);
 void scene_sink_start(scene_sink_t& sink);
-// Stops and joins the worker; a frame it has already taken is still sent, and
-// the records in progress are finished within their deadlines.
+// Tells the worker to stop without waiting for it: it sends a frame it has
+// already taken and finishes the records in progress (each until it makes
+// no progress for its deadline), then returns. Pushes are dropped from now.
+void scene_sink_request_stop(scene_sink_t& sink);
+// True once the worker of a sink told to stop has returned.
+bool scene_sink_finished(const scene_sink_t& sink);
+// Stops and joins the worker, as scene_sink_request_stop and then waiting.
 void scene_sink_stop(scene_sink_t& sink);
 // Producer side: puts the frame into the pending slot and wakes the worker.
 // Drops the frame when the sink is not running.

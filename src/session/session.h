@@ -2,6 +2,7 @@
 
 #include "common/subscription.h"
 #include "common/unique_fd.h"
+#include "sceneencoding/sceneencoding.h"
 #include "sessionstats/sessionstats.h"
 
 #include <chrono>
@@ -41,14 +42,24 @@ struct session_t {
     uint64_t scenes_written = 0;
     uint64_t frames_replaced = 0;
     uint64_t bytes_written = 0;
-    // The scene whose record is being written, null when none is, with the
-    // bytes of the record written so far (length prefix included) and when
-    // it became the one in progress; and the newest scene waiting after it.
-    // Scenes are shared by the sessions with the same options.
+    // The encoding of the frame whose record is being written, null when
+    // none is, and its scene, shared by the sessions with the same options
+    // (or null while a stalled record's copy is dropped, to be put together
+    // again from the encoding); the bytes of the record written so far
+    // (length prefix included) and when its socket last took some; and the
+    // encoding of the newest frame waiting after it.
+    std::shared_ptr<const scene_encoding_t> record_encoding;
     std::shared_ptr<const std::string> record;
     uint32_t record_written = 0;
     std::chrono::steady_clock::time_point record_since;
-    std::shared_ptr<const std::string> next;
+    // The sender's round in which the socket last took bytes when polled
+    // ready: a subscriber that reads, whose copy is kept.
+    uint64_t read_round = 0;
+    std::shared_ptr<const scene_encoding_t> next;
+    // The number of the last frame pushed that counted for this session:
+    // scenes + replaced frames = the frames pushed since it subscribed,
+    // once those are all sent.
+    uint64_t last_seq = 0;
 };
 
 void session_set_id(session_t& session, int id);

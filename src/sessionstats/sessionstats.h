@@ -19,8 +19,10 @@ struct session_stats_t {
     uint32_t pid = 0;
     std::string comm;
     uint64_t scenes_written = 0;
-    uint64_t frames_replaced = 0;  // newer frames took their place before they were sent
-    uint64_t bytes_written = 0;    // length prefixes included
+    // Newer frames took their place before they were sent: at the hand-off
+    // to the sending thread, or while the session's socket was full.
+    uint64_t frames_replaced = 0;
+    uint64_t bytes_written = 0;  // length prefixes included
     session_end_t end = SESSION_END_ACTIVE;
     uint64_t ended_seq = 0;  // orders ended sessions across channels
 };
@@ -34,6 +36,7 @@ struct channel_stats_t {
     uint64_t frames_replaced = 0;
     uint64_t bytes_written = 0;
     uint64_t sessions_broken = 0;
+    uint64_t handoff_replaced = 0;  // frames replaced before the sending thread took them
 };
 
 // "active", "unsubscribed", "broken-deadline" or "broken-error".

@@ -8,6 +8,7 @@
 #include <radarscene/RadarScene.h>
 #include <systemd/sd-event.h>
 
+#include <atomic>
 #include <cstring>
 #include <system_error>
 
@@ -41,7 +42,8 @@ struct Sink::Impl {
     }
 
     // Removes the sessions whose writes failed, every second, on the loop,
-    // and reports the log lines left out in a second that is over.
+    // joins the workers of channels left without sessions, and reports the
+    // log lines left out in a second that is over.
     static int on_timer(sd_event_source* source, uint64_t, void* self) {
         log_report_suppressed();
         channel_handler_t& handler = *static_cast<Impl*>(self)->handler;
@@ -50,6 +52,7 @@ struct Sink::Impl {
             // those sessions would hold every slot for ever.
             channel_handler_drain_broken_sessions(handler);
         }
+        channel_handler_reap_pipelines(handler);
         int r = sd_event_source_set_time_relative(source, BROKEN_SESSION_PERIOD_USEC);
         if (r < 0) {
             log_error("Failed to set repeat timer for clearing broken sessions: %s", strerror(-r));
@@ -102,18 +105,22 @@ void Sink::addObjectClassification(int id, const char* name) {
     impl_->provider.addObjectClassification(id, std::string(name));
 }
 
+// The mask is read and written atomically, so any thread may set it; a push
+// uses one value for its subscribers and its topics alike.
 void Sink::setRawMask(unsigned long mask) {
-    raw_mask = mask;
+    std::atomic_ref(raw_mask).store(mask, std::memory_order_relaxed);
 }
 
 void Sink::push(int channel, const Frame& frame) {
-    channel_handler_push(*impl_->handler, channel, frame, raw_mask);
-    publish_to_topics(*impl_, channel, frame, raw_mask);
+    unsigned long mask = std::atomic_ref(raw_mask).load(std::memory_order_relaxed);
+    channel_handler_push(*impl_->handler, channel, frame, mask);
+    publish_to_topics(*impl_, channel, frame, mask);
 }
 
 void Sink::tryPush(int channel, const Frame& frame) {
-    channel_handler_try_push(*impl_->handler, channel, frame, raw_mask);
-    publish_to_topics(*impl_, channel, frame, raw_mask);
+    unsigned long mask = std::atomic_ref(raw_mask).load(std::memory_order_relaxed);
+    channel_handler_try_push(*impl_->handler, channel, frame, mask);
+    publish_to_topics(*impl_, channel, frame, mask);
 }
 
 void Sink::push(int channel, std::string_view data) {

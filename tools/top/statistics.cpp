@@ -27,9 +27,9 @@ int read_session(sd_bus_message* m, top_session_t& s) {
 }
 
 int read_channel(sd_bus_message* m, top_channel_t& c) {
-    return sd_bus_message_read(m, "(iuttttt)", &c.channel, &c.active_sessions, &c.frames_pushed,
+    return sd_bus_message_read(m, "(iutttttt)", &c.channel, &c.active_sessions, &c.frames_pushed,
                                &c.scenes_written, &c.frames_replaced, &c.bytes_written,
-                               &c.sessions_broken);
+                               &c.sessions_broken, &c.handoff_replaced);
 }
 
 // Calls `method` and reads its array of `contents` records with `read`.
@@ -72,7 +72,7 @@ std::string top_read_statistics(sd_bus* bus, int stop_fd, top_statistics_t& stat
     std::string failure = call(bus, stop_fd, "GetSessions", "(iixusttts)", statistics.sessions,
                                stopped, read_session);
     if (failure.empty() && !stopped) {
-        failure = call(bus, stop_fd, "GetChannels", "(iuttttt)", statistics.channels, stopped,
+        failure = call(bus, stop_fd, "GetChannels", "(iutttttt)", statistics.channels, stopped,
                        read_channel);
     }
     return failure;

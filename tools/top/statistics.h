@@ -28,6 +28,7 @@ struct top_channel_t {
     uint64_t frames_replaced = 0;
     uint64_t bytes_written = 0;
     uint64_t sessions_broken = 0;
+    uint64_t handoff_replaced = 0;
 };
 
 struct top_statistics_t {

@@ -48,17 +48,18 @@ void top_print(FILE* out, const top_statistics_t& statistics, int channel) {
                 static_cast<unsigned long long>(s.frames_replaced),
                 static_cast<unsigned long long>(s.bytes_written), s.state.c_str());
     }
-    fprintf(out, "\n%7s %7s %10s %10s %10s %14s %7s\n", "CHANNEL", "ACTIVE", "PUSHED", "SCENES",
-            "REPLACED", "BYTES", "BROKEN");
+    fprintf(out, "\n%7s %7s %10s %10s %10s %14s %7s %10s\n", "CHANNEL", "ACTIVE", "PUSHED",
+            "SCENES", "REPLACED", "BYTES", "BROKEN", "HANDOFF");
     for (const top_channel_t& c : statistics.channels) {
         if (channel >= 0 && c.channel != channel) {
             continue;
         }
-        fprintf(out, "%7d %7u %10llu %10llu %10llu %14llu %7llu\n", c.channel, c.active_sessions,
-                static_cast<unsigned long long>(c.frames_pushed),
+        fprintf(out, "%7d %7u %10llu %10llu %10llu %14llu %7llu %10llu\n", c.channel,
+                c.active_sessions, static_cast<unsigned long long>(c.frames_pushed),
                 static_cast<unsigned long long>(c.scenes_written),
                 static_cast<unsigned long long>(c.frames_replaced),
                 static_cast<unsigned long long>(c.bytes_written),
-                static_cast<unsigned long long>(c.sessions_broken));
+                static_cast<unsigned long long>(c.sessions_broken),
+                static_cast<unsigned long long>(c.handoff_replaced));
     }
 }
