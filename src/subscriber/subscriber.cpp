@@ -514,6 +514,9 @@ int Subscriber::fd() const {
 
 void Subscriber::attach(sd_event* event, std::function<void(const std::string&)> on_scene,
                         std::function<void(SubscriberState)> on_state) {
+    if (!impl_ || impl_->closed) {
+        throw std::logic_error("the subscriber is closed");
+    }
     std::lock_guard lock(impl_->mutex);
     if (impl_->source) {
         throw std::logic_error("the subscriber is attached already");

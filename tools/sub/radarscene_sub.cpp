@@ -185,16 +185,18 @@ void appendf(std::string& out, const char* format, ...) {
 
 // Standard output that never holds up a stop signal: each piece is written once the output takes
 // it whole, while SIGINT and SIGTERM are watched. A closed output (a reader that left, as
-// `| head -1` does) and a stop signal both end the stream.
+// `| head -1` does) and a stop signal both end the stream; so does an output that takes nothing
+// for `timeout_ms` (-1: no limit).
 enum output_t { OUTPUT_OK, OUTPUT_STOPPED, OUTPUT_CLOSED };
 
-output_t emit(const std::string& text, int stop_fd) {
+output_t emit(const std::string& text, int stop_fd, int timeout_ms = -1) {
     for (size_t done = 0; done < text.size();) {
         pollfd fds[2] = {{STDOUT_FILENO, POLLOUT, 0}, {stop_fd, POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0) {
+        int ready = poll(fds, 2, timeout_ms);
+        if (ready < 0) {
             continue;
         }
-        if (fds[1].revents) {
+        if (ready == 0 || fds[1].revents) {
             return OUTPUT_STOPPED;
         }
         ssize_t n = write(STDOUT_FILENO, text.data() + done,
@@ -415,7 +417,8 @@ struct run_t {
             // The figures since the last line, however the run ended.
             uint64_t since = next_stats - 1'000'000'000;
             double seconds = std::max(1e-3, static_cast<double>(tool_monotonic_ns() - since) / 1e9);
-            emit(stats.line(seconds, subscriber.stats().missing), stop_fd);
+            // Also after a stop signal, but never blocked for long.
+            emit(stats.line(seconds, subscriber.stats().missing), -1, 1000);
         }
     }
 };
