@@ -34,7 +34,6 @@ struct Feed {
     // event loop would.
     std::vector<std::string> drain() {
         std::vector<std::string> out;
-        std::string payload;
         for (;;) {
             pollfd p{stream.fd.get(), POLLIN, 0};
             if (stream.fd && poll(&p, 1, 0) > 0) {
@@ -48,6 +47,7 @@ struct Feed {
     }
 
     scene_stream_t stream;
+    std::string payload;  // kept, as a reader's buffer is
     unique_fd writer;
     scene_stream_result_t last = SCENE_STREAM_AGAIN;
 };
@@ -55,24 +55,49 @@ struct Feed {
 }  // namespace
 
 TEST(SceneStream, RecordsArriveWholeAndInOrderHoweverTheBytesAreSplit) {
-    Feed f;
-    std::vector<std::string> payloads = {
-        "", "a", std::string(100, 'b'), std::string(20'000, 'c'), "d", std::string(70'000, 'e'),
-        "f"};
+    std::vector<std::string> payloads = {"",
+                                         "a",
+                                         std::string(100, 'b'),
+                                         std::string(20'000, 'c'),
+                                         std::string(30'000, 'g'),
+                                         std::string(25'000, 'h'),
+                                         "d",
+                                         std::string(70'000, 'e'),
+                                         "f"};
     std::string bytes;
     for (const std::string& p : payloads) {
         bytes += record(p);
     }
+    // Pieces of every size up to 2 KB, and pieces that hold several records.
+    for (size_t large : {0, 60'000}) {
+        Feed f;
+        std::vector<std::string> got;
+        for (size_t at = 0, piece = 1; at < bytes.size();
+             at += piece, piece = large ? large : piece * 3 % 1999 + 1) {
+            f.send(bytes.substr(at, piece));
+            for (std::string& p : f.drain()) {
+                got.push_back(std::move(p));
+            }
+            ASSERT_EQ(f.last, SCENE_STREAM_AGAIN);
+        }
+        EXPECT_EQ(got, payloads);
+        EXPECT_EQ(f.stream.bytes, bytes.size());
+    }
+
+    // After large records that ended with a read, the next read takes the next record's payload
+    // ahead, and with it the records behind it.
+    Feed f;
+    std::string large(20'000, 'c');
     std::vector<std::string> got;
-    for (size_t at = 0, piece = 1; at < bytes.size(); at += piece, piece = piece * 3 % 1999 + 1) {
-        f.send(bytes.substr(at, piece));
+    for (const std::string& bytes :
+         {record(large), record(large),
+          record("d") + record("xyz") + record(std::string(30'000, 'g'))}) {
+        f.send(bytes);
         for (std::string& p : f.drain()) {
             got.push_back(std::move(p));
         }
-        ASSERT_EQ(f.last, SCENE_STREAM_AGAIN);
     }
-    EXPECT_EQ(got, payloads);
-    EXPECT_EQ(f.stream.bytes, bytes.size());
+    EXPECT_EQ(got, (std::vector<std::string>{large, large, "d", "xyz", std::string(30'000, 'g')}));
 }
 
 TEST(SceneStream, BadLengthWordsEndTheStreamWithAReason) {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <utility>
 
 namespace {
@@ -60,6 +61,25 @@ bool start_record(scene_stream_t& stream) {
         return false;
     }
     stream.head += LENGTH_WORD;
+    stream.in_record = true;
+    stream.large = size >= LARGE_RECORD;
+    if (size_t ahead = std::exchange(stream.ahead, 0)) {
+        // The payload was read ahead into the record's string, behind its length word, which
+        // was the chunk's last: what lies past this record belongs to the next ones.
+        size_t have = std::min(size, ahead);
+        memcpy(stream.chunk.data(), stream.record.data() + have, ahead - have);
+        stream.head = 0;
+        stream.tail = ahead - have;
+        if (size > stream.record.capacity()) {
+            std::string grown;
+            grown.reserve(size);
+            grown.assign(stream.record.data(), have);
+            stream.record.swap(grown);
+        }
+        stream.record.resize(size);
+        stream.record_filled = have;
+        return true;
+    }
     size_t have = std::min(size, stream.tail - stream.head);
     if (size > stream.record.capacity()) {
         // Growing would round the capacity up past the limit: take exactly this size.
@@ -70,8 +90,6 @@ bool start_record(scene_stream_t& stream) {
     memcpy(stream.record.data(), stream.chunk.data() + stream.head, have);
     stream.head += have;
     stream.record_filled = have;
-    stream.in_record = true;
-    stream.large = size >= LARGE_RECORD;
     return true;
 }
 
@@ -85,6 +103,7 @@ void scene_stream_open(scene_stream_t& stream, int fd, size_t max_payload) {
     stream.head = stream.tail = 0;
     stream.in_record = false;
     stream.record_filled = 0;
+    stream.ahead = 0;
     stream.drained = false;
     stream.cut = false;
     stream.reason.clear();
@@ -123,8 +142,16 @@ scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& pay
             memmove(stream.chunk.data(), stream.chunk.data() + stream.head, left);
             stream.head = 0;
             stream.tail = left;
-            size_t room = stream.large ? LENGTH_WORD - left : stream.chunk.size() - left;
-            iov[count++] = {stream.chunk.data() + left, room};
+            if (stream.large) {
+                // The next record is likely as large as the last: its length word goes into
+                // the chunk and its payload straight into the record's string.
+                iov[count++] = {stream.chunk.data() + left, LENGTH_WORD - left};
+                size_t ahead = std::min(stream.record.capacity(), stream.chunk.size());
+                stream.record.resize_and_overwrite(ahead, [](char*, size_t n) { return n; });
+                iov[count++] = {stream.record.data(), ahead};
+            } else {
+                iov[count++] = {stream.chunk.data() + left, stream.chunk.size() - left};
+            }
         }
         ssize_t n = read_some(stream, iov, count);
         if (n == -EAGAIN) {
@@ -135,7 +162,7 @@ scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& pay
                           std::string("reading the stream: ") + strerror(static_cast<int>(-n)));
         }
         if (n == 0) {
-            stream.cut = stream.in_record || stream.tail > stream.head;
+            stream.cut = stream.in_record || stream.tail > stream.head || stream.ahead > 0;
             scene_stream_close(stream);
             return SCENE_STREAM_END;
         }
@@ -145,7 +172,12 @@ scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& pay
             stream.record_filled += into_record;
             stream.tail = got - into_record;
         } else {
-            stream.tail += got;
+            size_t header = std::min(got, iov[0].iov_len);
+            stream.tail += header;
+            if (count == 2) {
+                stream.ahead = got - header;
+                stream.record.resize(stream.ahead);
+            }
         }
     }
 }
@@ -159,4 +191,5 @@ void scene_stream_close(scene_stream_t& stream) {
     stream.head = stream.tail = 0;
     stream.in_record = false;
     stream.record_filled = 0;
+    stream.ahead = 0;
 }

@@ -29,8 +29,10 @@ struct scene_stream_t {
     size_t record_filled = 0;
     // The last read took less than it asked for: the socket is probably empty.
     bool drained = false;
-    // Large records are read straight into `record`, only their length word ahead.
+    // Large records are read straight into `record`: the next one's length word into the chunk,
+    // and its payload, until its length is known, ahead into `record` (`ahead` bytes).
     bool large = false;
+    size_t ahead = 0;
     uint64_t bytes = 0;  // bytes of the records delivered, length words included
     bool cut = false;    // the stream ended inside a record
     std::string reason;  // why it is broken
