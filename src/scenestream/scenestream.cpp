@@ -44,6 +44,13 @@ scene_stream_result_t broken(scene_stream_t& stream, std::string reason) {
     return SCENE_STREAM_BROKEN;
 }
 
+// The capacity for a record of `size`: an eighth more, so that a record read ahead into it
+// leaves room, and the read that takes less than it asked for tells that the socket is empty;
+// never past the limit (growing the string would round its capacity up to twice the old one).
+size_t room_for(const scene_stream_t& stream, size_t size) {
+    return std::min(stream.max_payload, size + size / 8 + 64);
+}
+
 // Starts the record whose length word is at the chunk's head, taking the payload bytes the
 // chunk already holds.
 bool start_record(scene_stream_t& stream) {
@@ -72,7 +79,7 @@ bool start_record(scene_stream_t& stream) {
         stream.tail = ahead - have;
         if (size > stream.record.capacity()) {
             std::string grown;
-            grown.reserve(size);
+            grown.reserve(room_for(stream, size));
             grown.assign(stream.record.data(), have);
             stream.record.swap(grown);
         }
@@ -82,9 +89,8 @@ bool start_record(scene_stream_t& stream) {
     }
     size_t have = std::min(size, stream.tail - stream.head);
     if (size > stream.record.capacity()) {
-        // Growing would round the capacity up past the limit: take exactly this size.
         std::string().swap(stream.record);
-        stream.record.reserve(size);
+        stream.record.reserve(room_for(stream, size));
     }
     stream.record.resize(size);
     memcpy(stream.record.data(), stream.chunk.data() + stream.head, have);
