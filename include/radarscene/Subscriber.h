@@ -102,9 +102,13 @@ private:
 /// Threads: a Subscriber is used by one thread at a time, except close(), which any thread may
 /// call at any time: it wakes a read() blocked on another thread, which returns
 /// ReadResult::ENDED, and then unsubscribes. The other calls wait for a read in progress on
-/// another thread. A bus given by the caller is used only from the
-/// thread that reads. Callbacks of attach() run on the loop's thread; they may call close(),
-/// not destroy the subscriber.
+/// another thread. A bus given by the caller is used only from the thread that reads. With
+/// attach(), call close() on the loop's thread; the callbacks run there and may call close(),
+/// not destroy the subscriber. Moving a subscriber or destroying it must not race with any
+/// other call on it.
+///
+/// Descriptors: the subscriber holds four (the stream, its own bus connection unless one is
+/// given, an epoll set and an eventfd), all close-on-exec, all closed by close().
 class RADARSCENE_EXPORT Subscriber {
 public:
     /// Subscribes on the system bus (DBUS_SYSTEM_BUS_ADDRESS chooses another one), or on
@@ -146,7 +150,7 @@ public:
     /// closes the stream. Safe from any thread and more than once.
     void close();
 
-    /// The current state.
+    /// The state as last reported: the one a STATE result or `on_state` told, ENDED once ended.
     SubscriberState state() const;
     /// Why the stream ended, when it did for another reason than close(): empty otherwise.
     std::string error() const;
