@@ -12,6 +12,7 @@ packages=(
     python3-dbus python3-protobuf python3-pytest
     mosquitto libmosquitto-dev mosquitto-clients libssl-dev openssl
     libzstd-dev liblz4-dev zlib1g-dev zstd lz4 libwebsockets-dev chromium
+    doxygen
 )
 # The tests run third-party JavaScript clients with node and npm; a machine
 # that has them from elsewhere keeps its own.

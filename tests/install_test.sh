@@ -21,8 +21,11 @@ for dep in ${deps//;/ }; do
     pc_path+=:$dep/lib/pkgconfig
     export LD_LIBRARY_PATH=$dep/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 done
+# The README's consumer program, exactly as the README shows it.
+sed -n '/^```cpp$/,/^```$/p' "$src/README.md" | sed '1d;$d' >"$work/readme_consumer.cpp"
+grep -q 'RadarScene::Subscriber subscriber' "$work/readme_consumer.cpp" || fail "no consumer in the README"
 cmake -S "$src/tests/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix;$deps" \
-    >/dev/null
+    -DREADME_CONSUMER="$work/readme_consumer.cpp" >/dev/null
 cmake --build "$work/cmake-consumer" >/dev/null
 [[ $("$work/cmake-consumer/consumer") == "time 42, object 7 at 10 m" ]] || fail "find_package consumer"
 
@@ -32,6 +35,13 @@ flags=$(PKG_CONFIG_PATH=$pc_path pkg-config --cflags --libs radarscene)
 c++ -std=c++17 "$src/tests/consumer/consumer.cpp" $flags -Wl,-rpath,"$prefix/lib" \
     -o "$work/pkg-consumer"
 [[ $("$work/pkg-consumer") == "time 42, object 7 at 10 m" ]] || fail "pkg-config consumer"
+# shellcheck disable=SC2086
+c++ -std=c++17 "$work/readme_consumer.cpp" $flags -Wl,-rpath,"$prefix/lib" -o "$work/pkg-readme"
+
+# The API reference came with the headers, built without a doxygen warning.
+grep -q "RadarScene::Subscriber" "$prefix/share/doc/radarscene/api/classRadarScene_1_1Subscriber.html" ||
+    fail "no API reference of Subscriber"
+[[ ! -s $build/api/warnings.log ]] || fail "doxygen warned: $(cat "$build/api/warnings.log")"
 
 # The installed view serves its page from the installed share folder, with
 # no path given.
@@ -56,6 +66,63 @@ for unit in "$prefix/lib/systemd/system/radarscene-view.service" \
     systemd-analyze security --offline=true --threshold=20 --no-pager "$work/$name" \
         >"$work/security.log" || fail "$name: $(tail -n 1 "$work/security.log")"
 done
+
+# The README's consumer, built both ways, reads ten scenes of the demo producer.
+for consumer in "$work/cmake-consumer/readme_consumer" "$work/pkg-readme"; do
+    "$consumer" >"$work/readme.out" || fail "$consumer failed"
+    [[ $(grep -c '^3 objects$' "$work/readme.out") -eq 10 ]] || fail "$consumer: $(cat "$work/readme.out")"
+    grep -q '^missing [0-9]*, replaced by the provider [0-9]*$' "$work/readme.out" || fail "$consumer"
+done
+
+# radarscene-sub ends at once with status 0 on SIGTERM while its output is a
+# pipe nobody reads.
+sub=$prefix/bin/radarscene-sub
+mkfifo "$work/fifo"
+exec 7<>"$work/fifo"
+"$sub" --bbox >"$work/fifo" &
+blocked=$!
+for _ in $(seq 100); do
+    (($(/usr/bin/python3 -c 'import array, fcntl, termios; b = array.array("i", [0]); fcntl.ioctl(7, termios.FIONREAD, b); print(b[0])') > 60000)) && break
+    sleep 0.1
+done
+kill -TERM "$blocked"
+for _ in $(seq 50); do kill -0 "$blocked" 2>/dev/null || break; sleep 0.1; done
+kill -0 "$blocked" 2>/dev/null && fail "radarscene-sub blocked on its output ignored SIGTERM"
+wait "$blocked" || fail "radarscene-sub stopped while blocked must exit 0"
+exec 7>&-
+
+# A closed output unsubscribes and exits 0: the provider records the session
+# as unsubscribed.
+bash -c 'echo $$ >"$1"; exec "$2"' - "$work/sub.pid" "$sub" | head -1 >/dev/null
+[[ ${PIPESTATUS[0]} -eq 0 ]] || fail "radarscene-sub | head -1 exited ${PIPESTATUS[0]}"
+[[ $("$prefix/bin/radarscene-top" --once | awk -v pid="$(cat "$work/sub.pid")" '$3 == pid {print $NF}') == unsubscribed ]] ||
+    fail "the session of radarscene-sub | head -1 did not end as unsubscribed"
+
+# A raw recording that cannot be written stops at once with the reason, and
+# keeps whole records only.
+expect_error "radarscene-sub: cannot write /dev/full: No space left on device" "$sub" --record /dev/full
+if [[ $(id -u) -eq 0 ]] && mkdir "$work/small" && mount -t tmpfs -o size=8k tmpfs "$work/small" 2>/dev/null; then
+    head -c 4096 /dev/zero >"$work/small/filler"  # one page of the two is left
+    "$sub" --record "$work/small/rec" >/dev/null 2>"$work/full.log" && fail "a full disk must fail"
+    grep -q "^radarscene-sub: cannot write $work/small/rec: No space left on device$" "$work/full.log" ||
+        fail "full disk: $(cat "$work/full.log")"
+    /usr/bin/python3 - "$work/small/rec" <<'EOF2' || fail "the recording on a full disk ends inside a record"
+import struct, sys
+data = open(sys.argv[1], "rb").read()
+at = 0
+while at < len(data):
+    at += struct.unpack(">I", data[at:at + 4])[0]
+sys.exit(at != len(data) or len(data) == 0)
+EOF2
+    umount "$work/small"
+fi
+
+# A channel the provider does not serve is named with those it serves, and
+# contradictory options are refused.
+expect_error "radarscene-sub: org.freedesktop.DBus.Error.Failed: Error subscribing channel: channel 5 is not served; the provider serves 0" \
+    "$sub" --channel 5
+expect_error "radarscene-sub: --summary and --stats cannot be used together (see --help)" \
+    "$sub" --summary --stats
 
 if [[ $(id -u) -ne 0 ]]; then
     echo "SKIPPED: the system bus check needs root to run a client as another user"

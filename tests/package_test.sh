@@ -35,6 +35,7 @@ holds "${debs[2]}" usr/share/dbus-1/system.d/com.tessel.GeoLocation1.conf
 holds "${debs[0]}" usr/share/dbus-1/system.d/com.tessel.RadarSceneProvider1.conf
 holds "${debs[3]}" usr/lib/python3/dist-packages/radarscene/scene_pb2.py
 holds "${debs[3]}" usr/lib/python3/dist-packages/radarscene/subscriber.py
+holds "${debs[1]}" usr/share/doc/radarscene/api/classRadarScene_1_1Subscriber.html
 
 for package in "${debs[@]}"; do
     dpkg-deb -x "$package" "$work/root"

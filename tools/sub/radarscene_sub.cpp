@@ -2,7 +2,7 @@
 // prints its scenes, a summary of them, or statistics of the stream.
 
 #include "recorder.h"
-#include "subscription.h"
+#include "toolsubscriber.h"
 #include "toolutil.h"
 
 #include <radarscene/RadarScene.h>
@@ -11,15 +11,16 @@
 #include <google/protobuf/util/json_util.h>
 #include <systemd/sd-bus.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <getopt.h>
+#include <limits.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -59,16 +60,15 @@ prints every scene as one JSON line.
 )";
 
 struct options_t {
-    int channel = 0;
-    std::map<std::string, bool> features;
+    RadarScene::SubscriberConfig subscriber;
     bool summary = false;
     bool stats = false;
     long long count = -1;
     double duration = -1;
     double wait = 0;
-    bool reconnect = false;
     std::string record;
     mcap_writer_options_t mcap;
+    bool mcap_options = false;
 };
 
 options_t parse_options(int argc, char** argv) {
@@ -109,22 +109,23 @@ options_t parse_options(int argc, char** argv) {
     tool_parse_options(argc, argv, long_options, USAGE, [&](int option, const char* value) {
         switch (option) {
             case CHANNEL:
-                options.channel = static_cast<int>(tool_integer(value, "--channel", 0, 15));
+                options.subscriber.channel =
+                    static_cast<int>(tool_integer(value, "--channel", 0, 15));
                 break;
             case BBOX:
-                options.features["BOUNDINGBOX_ENABLED"] = true;
+                options.subscriber.bounding_box = true;
                 break;
             case POLYGON:
-                options.features["POLYGON_ENABLED"] = true;
+                options.subscriber.polygon = true;
                 break;
             case VELOCITY:
-                options.features["VELOCITY_ENABLED"] = true;
+                options.subscriber.velocity = true;
                 break;
             case GEO:
-                options.features["GEOLOCATION_ENABLED"] = true;
+                options.subscriber.geolocation = true;
                 break;
             case RAW:
-                options.features["RAW_ENABLED"] = true;
+                options.subscriber.raw = true;
                 break;
             case SUMMARY:
                 options.summary = true;
@@ -145,9 +146,10 @@ options_t parse_options(int argc, char** argv) {
                 options.wait = tool_number(value, "--wait", 0, 3600);
                 break;
             case RECONNECT:
-                options.reconnect = true;
+                options.subscriber.follow = true;
                 break;
             case COMPRESSION:
+                options.mcap_options = true;
                 if (auto named = mcap_compression_named(value)) {
                     options.mcap.compression = *named;
                 } else {
@@ -155,25 +157,73 @@ options_t parse_options(int argc, char** argv) {
                 }
                 break;
             case CHUNK:
+                options.mcap_options = true;
                 options.mcap.chunk_ns = static_cast<uint64_t>(
                     tool_number(value, "--chunk-seconds", 0.001, 86400) * 1e9);
                 break;
         }
     });
     tool_no_arguments(argc, argv);
+    if (options.summary && options.stats) {
+        tool_fail("--summary and --stats cannot be used together (see --help)");
+    }
+    if (options.mcap_options && !recording_is_mcap(options.record)) {
+        tool_fail("--compression and --chunk-seconds need --record FILE.mcap (see --help)");
+    }
     return options;
 }
 
-void print_json(const RadarScene::Scene& scene) {
+void appendf(std::string& out, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void appendf(std::string& out, const char* format, ...) {
+    char line[512];
+    va_list args;
+    va_start(args, format);
+    int n = vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    out.append(line, static_cast<size_t>(std::clamp(n, 0, static_cast<int>(sizeof line) - 1)));
+}
+
+// Standard output that never holds up a stop signal: each piece is written once the output takes
+// it whole, while SIGINT and SIGTERM are watched. A closed output (a reader that left, as
+// `| head -1` does) and a stop signal both end the stream; so does an output that takes nothing
+// for `timeout_ms` (-1: no limit).
+enum output_t { OUTPUT_OK, OUTPUT_STOPPED, OUTPUT_CLOSED };
+
+output_t emit(const std::string& text, int stop_fd, int timeout_ms = -1) {
+    for (size_t done = 0; done < text.size();) {
+        pollfd fds[2] = {{STDOUT_FILENO, POLLOUT, 0}, {stop_fd, POLLIN, 0}};
+        int ready = poll(fds, 2, timeout_ms);
+        if (ready < 0) {
+            continue;
+        }
+        if (ready == 0 || fds[1].revents) {
+            return OUTPUT_STOPPED;
+        }
+        ssize_t n = write(STDOUT_FILENO, text.data() + done,
+                          std::min<size_t>(text.size() - done, PIPE_BUF));
+        if (n < 0 && errno != EINTR && errno != EAGAIN) {
+            if (errno != EPIPE) {
+                fprintf(stderr, "radarscene-sub: cannot write the output: %s\n", strerror(errno));
+            }
+            return OUTPUT_CLOSED;
+        }
+        done += n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    return OUTPUT_OK;
+}
+
+void format_json(std::string& out, const RadarScene::Scene& scene) {
     std::string line;
     if (!google::protobuf::util::MessageToJsonString(scene, &line).ok()) {
         tool_fail("cannot render a scene as JSON");
     }
-    printf("%s\n", line.c_str());
+    out += line + "\n";
 }
 
-void print_summary(const RadarScene::Scene& scene, const std::map<int32_t, std::string>& names) {
-    printf("t=%.3f s  %d objects\n", static_cast<double>(scene.time()) / 1e9, scene.objects_size());
+void format_summary(std::string& out, const RadarScene::Scene& scene,
+                    const std::map<int32_t, std::string>& names) {
+    appendf(out, "t=%.3f s  %d objects\n", static_cast<double>(scene.time()) / 1e9,
+            scene.objects_size());
     for (const RadarScene::Object& o : scene.objects()) {
         std::string classes;
         for (const RadarScene::Label& label : o.labels().labels()) {
@@ -186,37 +236,35 @@ void print_summary(const RadarScene::Scene& scene, const std::map<int32_t, std::
                            "%)";
             }
         }
-        printf("  #%-4u %-20s", o.id(), classes.empty() ? "-" : classes.c_str());
+        appendf(out, "  #%-4u %-20s", o.id(), classes.empty() ? "-" : classes.c_str());
         if (o.has_position()) {
-            printf("  %6.1f m at %6.1f deg", o.position().x(), o.position().y());
+            appendf(out, "  %6.1f m at %6.1f deg", o.position().x(), o.position().y());
         }
         const RadarScene::Velocity* v = o.has_velocity3d() ? &o.velocity3d()
                                         : o.has_velocity() ? &o.velocity()
                                                            : nullptr;
         if (v) {
-            printf("  %5.2f m/s", std::hypot(v->vx(), v->vy(), v->vz()));
+            appendf(out, "  %5.2f m/s", std::hypot(v->vx(), v->vy(), v->vz()));
         }
         if (o.has_geoposition()) {
             const RadarScene::GeoPosition& g = o.geoposition();
-            printf("  %.6f, %.6f", g.has_dlat() ? g.dlat() : g.lat(),
-                   g.has_dlon() ? g.dlon() : g.lon());
+            appendf(out, "  %.6f, %.6f", g.has_dlat() ? g.dlat() : g.lat(),
+                    g.has_dlon() ? g.dlon() : g.lon());
         }
-        printf("\n");
+        out += "\n";
     }
 }
 
 // Figures of the last second: rates, objects per scene, the delay from the
 // producer's push (the scene's monotonic time) to reception, and scenes that
-// the time stamps show to be missing. Scene times more than a minute off
-// this machine's monotonic clock (a recording of another boot, another
-// machine's clock) give no delay: it is shown as unknown.
+// the time stamps show to be missing (counted by the subscriber). Scene times
+// more than a minute off this machine's monotonic clock (a recording of
+// another boot, another machine's clock) give no delay: it is shown as unknown.
 struct stream_stats {
     uint64_t scenes = 0;
     uint64_t bytes = 0;
     uint64_t objects = 0;
-    uint64_t missing = 0;
-    uint64_t last_time = 0;
-    double period = 0;  // smoothed interval between scenes, in ns
+    uint64_t missing_before = 0;  // the subscriber's count at the last line
     std::vector<double> delays_ms;
 
     void add(const RadarScene::Scene& scene, size_t size, uint64_t received_ns) {
@@ -228,18 +276,9 @@ struct stream_stats {
         if (delay_ms > -1e3 && delay_ms < 60e3) {
             delays_ms.push_back(delay_ms);
         }
-        if (last_time != 0 && scene.time() > last_time) {
-            double gap = static_cast<double>(scene.time() - last_time);
-            if (period > 0 && gap > 1.5 * period) {
-                missing += static_cast<uint64_t>(std::lround(gap / period)) - 1;
-            } else {
-                period = period > 0 ? 0.9 * period + 0.1 * gap : gap;
-            }
-        }
-        last_time = scene.time();
     }
 
-    void print(double seconds) {
+    std::string line(double seconds, uint64_t missing) {
         std::sort(delays_ms.begin(), delays_ms.end());
         auto quantile = [&](double q) {
             return delays_ms.empty() ? 0.0
@@ -250,126 +289,175 @@ struct stream_stats {
             snprintf(delay, sizeof(delay), "delay ms p50 %.2f p99 %.2f max %.2f", quantile(0.5),
                      quantile(0.99), delays_ms.back());
         }
-        printf("%.1f scenes/s  %.0f bytes/s  %.1f objects/scene  %s  missing %llu\n",
-               static_cast<double>(scenes) / seconds, static_cast<double>(bytes) / seconds,
-               scenes ? static_cast<double>(objects) / static_cast<double>(scenes) : 0.0, delay,
-               static_cast<unsigned long long>(missing));
-        fflush(stdout);
-        *this = stream_stats{0, 0, 0, 0, last_time, period, {}};
+        std::string out;
+        appendf(out, "%.1f scenes/s  %.0f bytes/s  %.1f objects/scene  %s  missing %llu\n",
+                static_cast<double>(scenes) / seconds, static_cast<double>(bytes) / seconds,
+                scenes ? static_cast<double>(objects) / static_cast<double>(scenes) : 0.0, delay,
+                static_cast<unsigned long long>(missing - missing_before));
+        *this = stream_stats{0, 0, 0, missing, {}};
+        return out;
+    }
+};
+
+// How the stream ended: 0 when asked to (a signal, --count, --duration, a closed output),
+// else 1 with the reason said on standard error.
+struct run_t {
+    run_t(const options_t& o, int stop, RadarScene::Subscriber& s, Recorder* r)
+        : options(o), stop_fd(stop), subscriber(s), recorder(r) {}
+
+    const options_t& options;
+    int stop_fd;
+    RadarScene::Subscriber& subscriber;
+    Recorder* recorder;
+    std::map<int32_t, std::string> names;
+    stream_stats stats;
+    uint64_t started = tool_monotonic_ns();
+    uint64_t next_stats = started + 1'000'000'000;
+    uint64_t gone_since = 0;  // when the provider went away, while --reconnect waits
+    long long received = 0;
+    RadarScene::Scene scene;
+    std::string payload;
+    std::string failure;
+    bool recorder_failed = false;
+    bool done = false;
+
+    void fail(std::string reason) {
+        failure = std::move(reason);
+        done = true;
+    }
+
+    void output(const std::string& text) {
+        if (!done && emit(text, stop_fd) != OUTPUT_OK) {
+            done = true;
+        }
+    }
+
+    void take_scene() {
+        ++received;
+        bool decoded = scene.ParseFromString(payload);
+        if (recorder) {
+            try {
+                recorder->add(payload, decoded ? scene.time() : 0);
+            } catch (const std::exception& e) {
+                recorder_failed = true;
+                return fail(e.what());
+            }
+        }
+        if (!decoded) {
+            fprintf(stderr, "radarscene-sub: undecodable scene of %zu bytes\n", payload.size());
+        } else if (options.stats) {
+            stats.add(scene, payload.size(), tool_monotonic_ns());
+        } else {
+            std::string text;
+            options.summary ? format_summary(text, scene, names) : format_json(text, scene);
+            output(text);
+        }
+        done = done || (options.count >= 0 && received >= options.count);
+    }
+
+    void take_state(RadarScene::ReadResult r) {
+        if (r == RadarScene::ReadResult::ENDED) {
+            return fail(subscriber.error());
+        }
+        if (subscriber.state() == RadarScene::SubscriberState::PROVIDER_GONE) {
+            fprintf(stderr,
+                    "radarscene-sub: the provider went away; waiting for it to come back\n");
+            gone_since = tool_monotonic_ns();
+        } else {
+            fprintf(stderr, "radarscene-sub: subscribed again\n");
+            gone_since = 0;
+        }
+    }
+
+    int timeout_ms(uint64_t now) const {
+        int64_t timeout = 1000;
+        if (options.stats) {
+            timeout = static_cast<int64_t>(next_stats - now) / 1'000'000;
+        }
+        if (options.duration >= 0) {
+            timeout = std::min<int64_t>(
+                timeout,
+                static_cast<int64_t>(started + options.duration * 1e9 - now) / 1'000'000 + 1);
+        }
+        if (recorder) {
+            timeout = std::min<int64_t>(timeout, 250);
+        }
+        return static_cast<int>(std::max<int64_t>(timeout, 0));
+    }
+
+    void loop() {
+        while (!done) {
+            uint64_t now = tool_monotonic_ns();
+            if (options.duration >= 0 && now - started >= options.duration * 1e9) {
+                break;
+            }
+            if (gone_since && options.wait > 0 && now - gone_since >= options.wait * 1e9) {
+                return fail("the provider did not come back within --wait");
+            }
+            pollfd fds[2] = {{subscriber.fd(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
+            if (poll(fds, 2, timeout_ms(now)) < 0 && errno != EINTR) {
+                tool_fail("poll: %s", strerror(errno));
+            }
+            if (recorder) {
+                recorder->tick();
+            }
+            if (fds[1].revents) {
+                break;
+            }
+            if (options.stats && tool_monotonic_ns() >= next_stats) {
+                output(stats.line(1.0, subscriber.stats().missing));
+                next_stats += 1'000'000'000;
+            }
+            for (RadarScene::ReadResult r;
+                 !done && (r = subscriber.readNow(payload)) != RadarScene::ReadResult::NOTHING;) {
+                r == RadarScene::ReadResult::SCENE ? take_scene() : take_state(r);
+            }
+        }
+        if (options.stats && (stats.scenes > 0 || next_stats == started + 1'000'000'000)) {
+            // The figures since the last line, however the run ended.
+            uint64_t since = next_stats - 1'000'000'000;
+            double seconds = std::max(1e-3, static_cast<double>(tool_monotonic_ns() - since) / 1e9);
+            // Also after a stop signal, but never blocked for long.
+            emit(stats.line(seconds, subscriber.stats().missing), -1, 1000);
+        }
     }
 };
 
 int run(const options_t& options) {
     std::unique_ptr<Recorder> recorder;
     if (!options.record.empty()) {
-        recorder = open_recorder({options.record, options.channel, options.features, options.mcap});
+        recorder = open_recorder({options.record, options.subscriber.channel,
+                                  tool_features(options.subscriber), options.mcap});
     }
     int stop_fd = tool_stop_signals();
-    sd_bus* bus = tool_system_bus();
-    if (options.features.count("GEOLOCATION_ENABLED")) {
+    // A reader that goes away is seen as EPIPE on the next write.
+    signal(SIGPIPE, SIG_IGN);
+    if (options.subscriber.geolocation) {
         tool_note_missing_geolocation();
     }
-    std::optional<tool_subscription_t> subscription =
-        tool_subscribe(bus, options.channel, options.features, options.wait, stop_fd);
-    std::map<int32_t, std::string> names;
-    if (subscription && options.summary) {
-        names = tool_class_names(bus, options.channel, stop_fd);
+    std::optional<RadarScene::Subscriber> subscriber =
+        tool_open_subscriber(options.subscriber, options.wait, stop_fd);
+    std::string failure;
+    bool recorder_failed = false;
+    if (subscriber) {
+        run_t running(options, stop_fd, *subscriber, recorder.get());
+        if (options.summary) {
+            running.names = tool_class_names(options.subscriber.channel, stop_fd);
+        }
+        running.loop();
+        failure = running.failure;
+        recorder_failed = running.recorder_failed;
+        subscriber->close();
     }
-
-    uint64_t started = tool_monotonic_ns();
-    uint64_t next_stats = started + 1'000'000'000;
-    stream_stats stats;
-    long long received = 0;
-    int status = 0;
-    std::string payload;
-    RadarScene::Scene scene;
-    while (subscription && (options.count < 0 || received < options.count)) {
-        uint64_t now = tool_monotonic_ns();
-        double elapsed = static_cast<double>(now - started) / 1e9;
-        if (options.duration >= 0 && elapsed >= options.duration) {
-            break;
-        }
-        int timeout_ms = 1000;
-        if (options.stats) {
-            timeout_ms = static_cast<int>(
-                std::max<int64_t>(0, static_cast<int64_t>(next_stats - now) / 1'000'000));
-        }
-        if (options.duration >= 0) {
-            timeout_ms =
-                std::min(timeout_ms, static_cast<int>((options.duration - elapsed) * 1000) + 1);
-        }
-        if (recorder) {
-            timeout_ms = std::min(timeout_ms, 250);
-        }
-        pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
-        if (poll(fds, 2, timeout_ms) < 0 && errno != EINTR) {
-            tool_fail("poll: %s", strerror(errno));
-        }
-        if (recorder) {
-            recorder->tick();
-        }
-        if (fds[1].revents) {
-            break;
-        }
-        if (options.stats && tool_monotonic_ns() >= next_stats) {
-            stats.print(1.0);
-            next_stats += 1'000'000'000;
-        }
-        if (!fds[0].revents) {
-            continue;
-        }
-        int r = RadarScene::readSceneRecord(subscription->stream, payload);
-        if (r <= 0) {
-            close(subscription->stream);
-            if (r < 0) {
-                fprintf(stderr, "radarscene-sub: broken stream: %s\n", strerror(-r));
-            } else {
-                fprintf(stderr, "radarscene-sub: the provider closed the stream\n");
-            }
-            if (!options.reconnect) {
-                status = 1;
-                subscription.reset();
-                break;
-            }
-            fprintf(stderr, "radarscene-sub: waiting for the provider to come back\n");
-            subscription = tool_subscribe(bus, options.channel, options.features,
-                                          options.wait > 0 ? options.wait : -1, stop_fd);
-            continue;
-        }
-        ++received;
-        bool decoded = scene.ParseFromString(payload);
-        if (recorder) {
-            recorder->add(payload, decoded ? scene.time() : 0);
-        }
-        if (!decoded) {
-            fprintf(stderr, "radarscene-sub: undecodable scene of %zu bytes\n", payload.size());
-            continue;
-        }
-        if (options.stats) {
-            stats.add(scene, payload.size(), tool_monotonic_ns());
-        } else if (options.summary) {
-            print_summary(scene, names);
-        } else {
-            print_json(scene);
-        }
-        fflush(stdout);
+    if (!failure.empty()) {
+        fprintf(stderr, "radarscene-sub: %s\n", failure.c_str());
     }
-    if (options.stats && (stats.scenes > 0 || next_stats == started + 1'000'000'000)) {
-        // The figures since the last line, however the run ended.
-        uint64_t since = next_stats - 1'000'000'000;
-        stats.print(std::max(1e-3, static_cast<double>(tool_monotonic_ns() - since) / 1e9));
-    }
-    if (subscription) {
-        tool_unsubscribe(bus, subscription->session);
-        close(subscription->stream);
-    }
-    sd_bus_flush_close_unref(bus);
-    if (recorder) {
+    if (recorder && !recorder_failed) {
         recorder->finish();
         fprintf(stderr, "radarscene-sub: recorded %llu scenes to %s\n",
                 static_cast<unsigned long long>(recorder->scenes), options.record.c_str());
     }
-    return status;
+    return failure.empty() ? 0 : 1;
 }
 
 }  // namespace

@@ -3,44 +3,66 @@
 #include "scenedescriptor.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <unistd.h>
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <stdexcept>
 
 namespace {
 
 // The records as the socket carried them: a length that counts itself,
-// then the scene.
+// then the scene. A record that cannot be written whole (a full disk) is cut
+// off again, so the file holds whole records only.
 class RawRecorder : public Recorder {
 public:
     explicit RawRecorder(const std::string& path)
-        : path_(path), out_(path, std::ios::binary | std::ios::trunc) {
-        if (!out_) {
+        : path_(path), fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)) {
+        if (fd_ < 0) {
             throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
         }
     }
+    ~RawRecorder() override { close(fd_); }
 
     void add(const std::string& payload, uint64_t) override {
         uint32_t header = htonl(static_cast<uint32_t>(payload.size() + 4));
-        out_.write(reinterpret_cast<const char*>(&header), sizeof(header));
-        out_.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+        iovec iov[2] = {{&header, sizeof(header)},
+                        {const_cast<char*>(payload.data()), payload.size()}};
+        size_t left = sizeof(header) + payload.size();
+        while (left > 0) {
+            ssize_t n = writev(fd_, iov, 2);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                int error = n < 0 ? errno : ENOSPC;
+                (void)!ftruncate(fd_, static_cast<off_t>(whole_));
+                throw std::runtime_error("cannot write " + path_ + ": " + strerror(error));
+            }
+            left -= static_cast<size_t>(n);
+            for (iovec& v : iov) {
+                size_t taken = std::min(v.iov_len, static_cast<size_t>(n));
+                v.iov_base = static_cast<char*>(v.iov_base) + taken;
+                v.iov_len -= taken;
+                n -= static_cast<ssize_t>(taken);
+            }
+        }
+        whole_ += sizeof(header) + payload.size();
         ++scenes;
     }
 
-    void finish() override {
-        if (!out_.flush()) {
-            throw std::runtime_error("cannot write " + path_);
-        }
-    }
+    void finish() override {}
 
 private:
     std::string path_;
-    std::ofstream out_;
+    int fd_;
+    uint64_t whole_ = 0;  // bytes of the records written whole
 };
 
 uint64_t wall_clock_ns() {
@@ -83,9 +105,12 @@ private:
 
 }  // namespace
 
+bool recording_is_mcap(const std::string& path) {
+    return path.size() >= 5 && strcasecmp(path.c_str() + path.size() - 5, ".mcap") == 0;
+}
+
 std::unique_ptr<Recorder> open_recorder(const recording_options_t& options) {
-    const std::string& path = options.path;
-    if (path.size() >= 5 && strcasecmp(path.c_str() + path.size() - 5, ".mcap") == 0) {
+    if (recording_is_mcap(options.path)) {
         return std::make_unique<McapRecorder>(options);
     }
     return std::make_unique<RawRecorder>(options.path);

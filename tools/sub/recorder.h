@@ -21,7 +21,8 @@ struct recording_options_t {
 class Recorder {
 public:
     virtual ~Recorder() = default;
-    // One scene as received, and its own time stamp.
+    // One scene as received, and its own time stamp; throws std::runtime_error with the reason
+    // when it cannot be written.
     virtual void add(const std::string& payload, uint64_t scene_time) = 0;
     // Called at least every quarter of a second: writes out what has waited
     // for long enough.
@@ -31,5 +32,7 @@ public:
     uint64_t scenes = 0;
 };
 
+// Whether `path` names an MCAP recording: it ends in ".mcap", in any case.
+bool recording_is_mcap(const std::string& path);
 // Opens the file; throws std::runtime_error when it cannot.
 std::unique_ptr<Recorder> open_recorder(const recording_options_t& options);

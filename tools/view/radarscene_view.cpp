@@ -4,7 +4,7 @@
 #include "foxglove.h"
 #include "scenedescriptor.h"
 #include "sceneview.h"
-#include "subscription.h"
+#include "toolsubscriber.h"
 #include "toolutil.h"
 #include "viewserver.h"
 
@@ -245,46 +245,50 @@ void show(ViewServer& server, const std::string& payload, const class_names_t& n
     }
 }
 
-const std::map<std::string, bool> FEATURES{{"BOUNDINGBOX_ENABLED", true},
-                                           {"POLYGON_ENABLED", true},
-                                           {"VELOCITY_ENABLED", true},
-                                           {"GEOLOCATION_ENABLED", true}};
+// Boxes, polygons, velocities and geographic positions; the provider is followed for ever.
+RadarScene::SubscriberConfig subscriber_config(int channel) {
+    return {.channel = channel,
+            .bounding_box = true,
+            .polygon = true,
+            .velocity = true,
+            .geolocation = true,
+            .follow = true};
+}
 
 // The subscriber's side, on a thread of its own: hands every scene to the
 // server, follows the provider when it goes and comes back, and stops the
 // server on SIGINT or SIGTERM.
-void follow(ViewServer& server, sd_bus* bus, int channel,
-            std::optional<tool_subscription_t> subscription, int stop_fd) {
+void follow(ViewServer& server, RadarScene::Subscriber& subscriber, int channel, int stop_fd) {
     std::string payload;
-    while (subscription) {
-        server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(channel));
-        class_names_t names = tool_class_names(bus, channel, stop_fd);
-        bool stopped = false;
-        for (;;) {
-            pollfd fds[2] = {{subscription->stream, POLLIN, 0}, {stop_fd, POLLIN, 0}};
-            if (poll(fds, 2, -1) < 0 && errno != EINTR) {
-                tool_fail("poll: %s", strerror(errno));
-            }
-            if ((stopped = fds[1].revents != 0)) {
-                break;
-            }
-            if (fds[0].revents && RadarScene::readSceneRecord(subscription->stream, payload) <= 0) {
-                break;
-            }
-            if (fds[0].revents) {
-                show(server, payload, names);
-            }
+    server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(channel));
+    class_names_t names = tool_class_names(channel, stop_fd);
+    for (bool ended = false; !ended;) {
+        pollfd fds[2] = {{subscriber.fd(), POLLIN, 0}, {stop_fd, POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+            tool_fail("poll: %s", strerror(errno));
         }
-        close(subscription->stream);
-        if (stopped) {
-            tool_unsubscribe(bus, subscription->session);
+        if (fds[1].revents) {
             break;
         }
-        fprintf(stderr, "radarscene-view: the provider went away; waiting for it to come back\n");
-        server.broadcast(FOXGLOVE_WARNING,
-                         "the radar scene provider went away; waiting for it to come back");
-        subscription = tool_subscribe(bus, channel, FEATURES, -1, stop_fd);
+        for (RadarScene::ReadResult r;
+             !ended && (r = subscriber.readNow(payload)) != RadarScene::ReadResult::NOTHING;) {
+            if (r == RadarScene::ReadResult::SCENE) {
+                show(server, payload, names);
+            } else if (r == RadarScene::ReadResult::ENDED) {
+                fprintf(stderr, "radarscene-view: %s\n", subscriber.error().c_str());
+                ended = true;
+            } else if (subscriber.state() == RadarScene::SubscriberState::PROVIDER_GONE) {
+                fprintf(stderr,
+                        "radarscene-view: the provider went away; waiting for it to come back\n");
+                server.broadcast(FOXGLOVE_WARNING,
+                                 "the radar scene provider went away; waiting for it to come back");
+            } else {
+                server.broadcast(FOXGLOVE_INFO, "showing radar channel " + std::to_string(channel));
+                names = tool_class_names(channel, stop_fd);
+            }
+        }
     }
+    subscriber.close();
     server.stop();
 }
 
@@ -295,16 +299,14 @@ int run(const options_t& options) {
     fprintf(stderr, "radarscene-view: serving %s://%s%s%s:%d/\n", server.scheme(), ipv6 ? "[" : "",
             server.address().c_str(), ipv6 ? "]" : "", server.port());
     // The first subscription is made here, so that its failure ends the tool
-    // before any other thread runs; the bus then belongs to the subscriber.
-    sd_bus* bus = tool_system_bus();
-    auto subscription = tool_subscribe(bus, options.channel, FEATURES, options.wait, stop_fd);
+    // before any other thread runs; the subscriber then belongs to its thread.
+    auto subscription =
+        tool_open_subscriber(subscriber_config(options.channel), options.wait, stop_fd);
     if (subscription) {
-        std::thread subscriber(
-            [&] { follow(server, bus, options.channel, std::move(subscription), stop_fd); });
+        std::thread subscriber([&] { follow(server, *subscription, options.channel, stop_fd); });
         server.run();
         subscriber.join();
     }
-    sd_bus_flush_close_unref(bus);
     return 0;
 }
 
