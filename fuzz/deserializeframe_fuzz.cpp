@@ -1,8 +1,7 @@
 // Feeds arbitrary bytes to deserializeFrame. Scenes that break the
-// decoder's invariants (a 2-D velocity, both velocity fields, a position
-// without z) end the process by design; they are recognised beforehand and
-// counted instead of decoded, so that any crash the fuzzer reports is a
-// finding.
+// decoder's invariants end the process by design; isDeserializable must
+// recognise every one of them beforehand (they are counted instead of
+// decoded), so that any crash the fuzzer reports is a finding.
 
 #include <radarscene/RadarScene.h>
 #include <radarscene/scene.pb.h>
@@ -17,21 +16,6 @@ namespace {
 size_t runs = 0;
 size_t expected_aborts = 0;
 
-bool breaks_decoder_invariants(const RadarScene::Scene& scene) {
-    for (const RadarScene::Object& o : scene.objects()) {
-        if (!o.has_id()) {
-            continue;  // the decoder reads nothing more of such an object
-        }
-        if (o.has_velocity() && (o.has_velocity3d() || !o.velocity().has_vz())) {
-            return true;
-        }
-        if (o.has_position() && !o.position().has_z()) {
-            return true;
-        }
-    }
-    return false;
-}
-
 void report() {
     std::fprintf(stderr, "deserializeFrame: %zu inputs, %zu of them with an expected abort\n", runs,
                  expected_aborts);
@@ -45,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     RadarScene::Scene scene;
     scene.ParseFromArray(data, static_cast<int>(size));
-    if (breaks_decoder_invariants(scene)) {
+    if (!RadarScene::isDeserializable(scene)) {
         ++expected_aborts;
         return 0;
     }

@@ -232,7 +232,9 @@ TEST(DeserializeFrame, HandBuiltSceneMapsBack) {
 TEST(DeserializeFrameDeathTest, BrokenVelocityAndPositionRulesAbort) {
     Scene flat;
     flat.add_objects()->mutable_velocity()->set_vx(1);
+    EXPECT_TRUE(isDeserializable(flat));  // without an id nothing more is read
     flat.mutable_objects(0)->set_id(1);
+    EXPECT_FALSE(isDeserializable(flat));
     EXPECT_DEATH(deserializeFrame(flat.SerializeAsString()), "pbo.velocity\\(\\).has_vz\\(\\)");
 
     Scene both;
@@ -240,11 +242,20 @@ TEST(DeserializeFrameDeathTest, BrokenVelocityAndPositionRulesAbort) {
     o->set_id(1);
     o->mutable_velocity()->set_vz(1);
     o->mutable_velocity3d()->set_vz(1);
+    EXPECT_FALSE(isDeserializable(both));
     EXPECT_DEATH(deserializeFrame(both.SerializeAsString()), "!pbo.has_velocity3d\\(\\)");
+    o->clear_velocity();
+    EXPECT_TRUE(isDeserializable(both));
+    o->mutable_labels();
+    EXPECT_FALSE(isDeserializable(both));
+    o->clear_labels();
+    o->set_id(uint64_t{INT32_MAX} + 1);
+    EXPECT_FALSE(isDeserializable(both));
 
     Scene position;
     position.add_objects()->set_id(1);
     position.mutable_objects(0)->mutable_position()->set_x(1);
+    EXPECT_FALSE(isDeserializable(position));
     EXPECT_DEATH(deserializeFrame(position.SerializeAsString()), "pbo.position\\(\\).has_z\\(\\)");
 }
 

@@ -166,6 +166,15 @@ RADARSCENE_EXPORT void serializeFrame(std::string& out, const Frame& frame,
 // was decoded before the parser stopped.
 RADARSCENE_EXPORT Frame deserializeFrame(std::string_view bytes);
 
+class Scene;
+
+// True when a Frame can hold `scene`, so that deserializeFrame may be given
+// its bytes; false for an object with an id and a 2-D velocity, a position
+// without height, an empty label list or an id beyond 32 bits, which end the
+// process in deserializeFrame. Scenes from a file or a peer are checked with
+// it first. Since 1.1.
+RADARSCENE_EXPORT bool isDeserializable(const Scene& scene);
+
 // Fills the geographic position of every object from the device's position
 // and heading; objects that already carry one keep it.
 RADARSCENE_EXPORT void addGeoLocation(Frame& frame);

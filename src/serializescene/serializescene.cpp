@@ -312,6 +312,18 @@ void RadarScene::serializeFrame(std::string& out, const Frame& frame,
     write_scene(out, frame, options);
 }
 
+bool RadarScene::isDeserializable(const Scene& scene) {
+    for (const Object& o : scene.objects()) {
+        if (o.has_id() &&
+            ((o.has_velocity() && (o.has_velocity3d() || !o.velocity().has_vz())) ||
+             (o.has_position() && !o.position().has_z()) ||
+             (o.has_labels() && o.labels().labels_size() == 0) || o.id() > INT32_MAX)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 Frame RadarScene::deserializeFrame(std::string_view bytes) {
     scene_codec& c = codec();
     std::lock_guard lock(c.mutex);

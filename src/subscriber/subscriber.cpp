@@ -4,6 +4,7 @@
 #include "common/unique_fd.h"
 #include "scenegaps/scenegaps.h"
 #include "scenestream/scenestream.h"
+#include "serializescene/serializescene.h"
 
 #include <radarscene/Subscriber.h>
 #include <radarscene/scene.pb.h>
@@ -63,19 +64,6 @@ std::string error_name(const sd_bus_error& error, int r) {
 
 std::string error_message(const sd_bus_error& error, int r) {
     return error.message ? error.message : strerror(-r);
-}
-
-// True unless decoding the scene would trip one of deserializeFrame's invariants.
-bool decodable(const RadarScene::Scene& scene) {
-    for (const RadarScene::Object& o : scene.objects()) {
-        if (o.has_id() &&
-            ((o.has_velocity() && (o.has_velocity3d() || !o.velocity().has_vz())) ||
-             (o.has_position() && !o.position().has_z()) ||
-             (o.has_labels() && o.labels().labels_size() == 0) || o.id() > INT32_MAX)) {
-            return false;
-        }
-    }
-    return true;
 }
 
 }  // namespace
@@ -490,13 +478,14 @@ ReadResult Subscriber::read(Frame& frame, std::chrono::milliseconds timeout) {
         return r;
     }
     Scene scene;
-    if (!scene.ParseFromString(impl_->scratch) || !decodable(scene)) {
+    if (!scene.ParseFromString(impl_->scratch) || !isDeserializable(scene)) {
         impl_->end("a scene of " + std::to_string(impl_->scratch.size()) +
                    " bytes that does not decode");
         impl_->reported = SubscriberState::ENDED;
         return ReadResult::ENDED;
     }
-    frame = deserializeFrame(impl_->scratch);
+    frame = Frame{};
+    convert_scene_to_frame(frame, scene);
     return r;
 }
 

@@ -22,23 +22,6 @@
 
 namespace {
 
-// True unless decoding the scene would trip one of the library's
-// invariants: a 2-D velocity, a position without z, an empty label list,
-// or an id that does not fit the frame's signed id.
-bool decodable(const RadarScene::Scene& scene) {
-    for (const RadarScene::Object& o : scene.objects()) {
-        if (!o.has_id()) {
-            continue;
-        }
-        if ((o.has_velocity() && (o.has_velocity3d() || !o.velocity().has_vz())) ||
-            (o.has_position() && !o.position().has_z()) ||
-            (o.has_labels() && o.labels().labels_size() == 0) || o.id() > INT32_MAX) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // The records as the socket carried them: a length that counts itself, then
 // the scene, whose own time is when it was recorded.
 class RawRecording : public Recording {
@@ -48,7 +31,7 @@ public:
 
     bool next(recorded_scene_t& out) override {
         while ((end_ = RadarScene::readSceneRecord(fd_, out.payload)) > 0) {
-            if (scene_.ParseFromString(out.payload) && decodable(scene_)) {
+            if (scene_.ParseFromString(out.payload) && RadarScene::isDeserializable(scene_)) {
                 out.time = scene_.time();
                 return true;
             }
@@ -115,7 +98,7 @@ public:
         try {
             while (chosen_ && reader_.next(m)) {
                 out.payload.assign(m.data);
-                if (scene_.ParseFromString(out.payload) && decodable(scene_)) {
+                if (scene_.ParseFromString(out.payload) && RadarScene::isDeserializable(scene_)) {
                     out.time = m.log_time;
                     ++scenes_;
                     return true;
