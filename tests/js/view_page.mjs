@@ -3,7 +3,8 @@
 // screenshot, and prints one JSON line: what the page says it drew, its
 // status line, notice and address, and how many pixels carry the objects'
 // colours. With "stale", it then waits for the picture to go stale (the
-// test stops the provider) and prints a second line.
+// test stops the provider) and prints a second line, and for it to be live
+// again (the test starts a provider) and prints a third.
 // Usage: node view_page.mjs <url> <screenshot.png> [<certificate SPKI hash>] [stale]
 import puppeteer from "puppeteer-core";
 
@@ -50,6 +51,9 @@ try {
       () => window.radarView.drawn.stale && document.getElementById("notice").textContent,
       { timeout: 30000 },
     );
+    console.log(JSON.stringify(await seen(page)));
+    // The test starts a provider again: the page draws live scenes again.
+    await page.waitForFunction(() => !window.radarView.drawn.stale, { timeout: 30000 });
     console.log(JSON.stringify(await seen(page)));
   }
 } finally {
