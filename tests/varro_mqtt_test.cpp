@@ -499,6 +499,18 @@ size_t open_descriptors() {
     return count;
 }
 
+// The open descriptors once they are down to `bound`, or after 10 s: a
+// client that keeps connecting may be caught mid-attempt by one sample, a
+// leak never comes back down.
+size_t descriptors_down_to(size_t bound) {
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    size_t open = open_descriptors();
+    for (; open > bound && std::chrono::steady_clock::now() < deadline; open = open_descriptors()) {
+        std::this_thread::sleep_for(5ms);
+    }
+    return open;
+}
+
 long resident_kib() {
     long pages = 0, resident = 0;
     std::ifstream("/proc/self/statm") >> pages >> resident;
@@ -520,7 +532,7 @@ TEST_F(TlsRestartTest, AHundredReconnectionsLeaveMemoryAndDescriptorsFlat) {
             resident = resident_kib();
         }
     }
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_LE(descriptors_down_to(descriptors), descriptors);
     // The sanitizers hold freed memory back on purpose.
     if (!SANITIZED) {
         EXPECT_LT(resident_kib() - resident, 512);
@@ -677,7 +689,7 @@ TEST(MisbehavingBrokers, HoldNoMoreThanTheBoundAcrossReconnections) {
         // At most 1 MiB awaits each broker, held at most twice by libmosquitto.
         EXPECT_LT(resident_kib() - resident, 6 << 10);
     }
-    EXPECT_LE(open_descriptors(), descriptors);
+    EXPECT_LE(descriptors_down_to(descriptors), descriptors);
     clients.clear();
     EXPECT_EQ(occurrences(log.text(), unanswered + " did not answer the TLS handshake"), 1u);
 }
