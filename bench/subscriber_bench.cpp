@@ -1,7 +1,8 @@
 // CPU per scene of reading a subscription through RadarScene::Subscriber beside a bare loop of
-// readSceneRecord on a socket subscribed by hand, both on the same provider and the same
-// frames, each on its own thread. Needs a bus for the provider: run it under dbus-run-session
-// with DBUS_SYSTEM_BUS_ADDRESS set to the session bus (see docs/BENCHMARKS.md).
+// readSceneRecord on a socket subscribed by hand, on the same provider and frames, in rounds
+// that take turns, each reader alone with the provider on a thread of its own. Needs a bus for the
+// provider: run it under dbus-run-session with DBUS_SYSTEM_BUS_ADDRESS set to the session bus (see
+// docs/BENCHMARKS.md).
 
 #include <radarscene/RadarScene.h>
 #include <radarscene/Subscriber.h>
@@ -16,7 +17,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -64,42 +64,7 @@ struct result_t {
     double cpu_us = 0;
 };
 
-struct totals_t {
-    result_t bare, library;
-};
-
-void run_case(RadarScene::Sink& sink, int objects, int rate, int frames, bool library_first,
-              totals_t& totals) {
-    sd_bus* bus = nullptr;
-    sd_bus_open_system(&bus);
-    int32_t session = -1;
-    // The sending thread writes the sessions in the order they subscribed: each case swaps it.
-    std::optional<RadarScene::Subscriber> subscriber;
-    int fd = -1;
-    if (library_first) {
-        subscriber.emplace(RadarScene::SubscriberConfig{.bounding_box = true});
-        fd = subscribe_by_hand(bus, session);
-    } else {
-        fd = subscribe_by_hand(bus, session);
-        subscriber.emplace(RadarScene::SubscriberConfig{.bounding_box = true});
-    }
-    result_t bare, library;
-    std::thread bare_reader([&] {
-        std::string payload;
-        double start = thread_cpu_us();
-        while (RadarScene::readSceneRecord(fd, payload) == 1) {
-            ++bare.scenes;
-        }
-        bare.cpu_us = thread_cpu_us() - start;
-    });
-    std::thread library_reader([&] {
-        std::string payload;
-        double start = thread_cpu_us();
-        while (subscriber->read(payload) == RadarScene::ReadResult::SCENE) {
-            ++library.scenes;
-        }
-        library.cpu_us = thread_cpu_us() - start;
-    });
+void push_frames(RadarScene::Sink& sink, int objects, int rate, int frames) {
     RadarScene::Frame frame = frame_of(objects, 0);
     auto next = std::chrono::steady_clock::now();
     for (int i = 1; i <= frames; ++i) {
@@ -110,20 +75,50 @@ void run_case(RadarScene::Sink& sink, int objects, int rate, int frames, bool li
             std::this_thread::sleep_until(next);
         }
     }
-    // Let both drain what was sent, then end both streams.
+    // Let the reader drain what was sent before its stream ends.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    subscriber->close();
-    sd_bus_call_method(bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1",
-                       "com.tessel.RadarSceneProvider1.Scene", "UnsubscribeSocket", nullptr,
-                       nullptr, "i", session);
-    bare_reader.join();
-    library_reader.join();
-    close(fd);
-    sd_bus_flush_close_unref(bus);
-    totals.bare.scenes += bare.scenes;
-    totals.bare.cpu_us += bare.cpu_us;
-    totals.library.scenes += library.scenes;
-    totals.library.cpu_us += library.cpu_us;
+}
+
+// One round with a single reader, alone with the provider: the bare loop or Subscriber.
+void run_round(RadarScene::Sink& sink, int objects, int rate, int frames, bool library,
+               result_t& total) {
+    result_t round;
+    if (library) {
+        RadarScene::Subscriber subscriber(RadarScene::SubscriberConfig{.bounding_box = true});
+        std::thread reader([&] {
+            std::string payload;
+            double start = thread_cpu_us();
+            while (subscriber.read(payload) == RadarScene::ReadResult::SCENE) {
+                ++round.scenes;
+            }
+            round.cpu_us = thread_cpu_us() - start;
+        });
+        push_frames(sink, objects, rate, frames);
+        subscriber.close();
+        reader.join();
+    } else {
+        sd_bus* bus = nullptr;
+        sd_bus_open_system(&bus);
+        int32_t session = -1;
+        int fd = subscribe_by_hand(bus, session);
+        std::thread reader([&] {
+            std::string payload;
+            double start = thread_cpu_us();
+            while (RadarScene::readSceneRecord(fd, payload) == 1) {
+                ++round.scenes;
+            }
+            round.cpu_us = thread_cpu_us() - start;
+        });
+        push_frames(sink, objects, rate, frames);
+        sd_bus_call_method(bus, "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1",
+                           "com.tessel.RadarSceneProvider1.Scene", "UnsubscribeSocket", nullptr,
+                           nullptr, "i", session);
+        reader.join();
+        close(fd);
+        sd_bus_flush_close_unref(bus);
+    }
+    total.scenes += round.scenes;
+    total.cpu_us += round.cpu_us;
 }
 
 }  // namespace
@@ -135,9 +130,9 @@ int main(int argc, char** argv) {
     auto connection = sdbus::createSystemBusConnection();
     sd_event* event = nullptr;
     sd_event_new(&event);
-    RadarScene::Sink sink(*connection, event,
-                          {"bench", "com.tessel.RadarSceneProvider1",
-                           "/com/tessel/RadarSceneProvider1", true});
+    RadarScene::Sink sink(
+        *connection, event,
+        {"bench", "com.tessel.RadarSceneProvider1", "/com/tessel/RadarSceneProvider1", true});
     sink.addSupportedChannel(0);
     RadarScene::ConnectionEventSource source(*connection, event);
     std::atomic<bool> running{true};
@@ -146,25 +141,30 @@ int main(int argc, char** argv) {
             sd_event_run(event, 100'000);
         }
     });
-    // Rounds alternate which session the sending thread writes first; the sums of all rounds
-    // make the figures.
-    printf("| objects | pushed | scenes each | bare CPU us/scene | Subscriber CPU us/scene | "
-           "ratio |\n|---|---|---|---|---|---|\n");
+    // Rounds of each reader alone take turns; the sums of all rounds make the figures.
+    printf(
+        "| objects | pushed | scenes each | bare CPU us/scene | Subscriber CPU us/scene | "
+        "ratio |\n|---|---|---|---|---|---|\n");
     for (int objects : {16, 512}) {
         for (int rate : {1000, 0}) {
             if (only_objects >= 0 && (objects != only_objects || rate != only_rate)) {
                 continue;
             }
-            totals_t totals;
-            for (int round = 0; round < 6; ++round) {
-                run_case(sink, objects, rate, rate ? 1000 : 5000, round % 2 == 1, totals);
+            result_t bare, library;
+            for (int round = 0; round < 8; ++round) {
+                // Alternating which reader goes first spreads drifts of the machine over both.
+                bool library_first = round % 2 == 1;
+                int frames = rate ? 1000 : 5000;
+                run_round(sink, objects, rate, frames, library_first,
+                          library_first ? library : bare);
+                run_round(sink, objects, rate, frames, !library_first,
+                          library_first ? bare : library);
             }
-            double bare_per = totals.bare.cpu_us / static_cast<double>(totals.bare.scenes);
-            double library_per = totals.library.cpu_us / static_cast<double>(totals.library.scenes);
+            double bare_per = bare.cpu_us / static_cast<double>(bare.scenes);
+            double library_per = library.cpu_us / static_cast<double>(library.scenes);
             printf("| %d | %s | %llu / %llu | %.2f | %.2f | %.2f |\n", objects,
-                   rate > 0 ? "1000 Hz" : "flat out",
-                   static_cast<unsigned long long>(totals.bare.scenes),
-                   static_cast<unsigned long long>(totals.library.scenes), bare_per, library_per,
+                   rate > 0 ? "1000 Hz" : "flat out", static_cast<unsigned long long>(bare.scenes),
+                   static_cast<unsigned long long>(library.scenes), bare_per, library_per,
                    library_per / bare_per);
             fflush(stdout);
         }

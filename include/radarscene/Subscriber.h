@@ -100,12 +100,13 @@ private:
 /// below 4 ends the stream with a reason in error().
 ///
 /// Threads: a Subscriber is used by one thread at a time, except close(), which any thread may
-/// call at any time: it wakes a read() blocked on another thread, which returns
-/// ReadResult::ENDED, and then unsubscribes. The other calls wait for a read in progress on
-/// another thread. A bus given by the caller is used only from the thread that reads. With
-/// attach(), call close() on the loop's thread; the callbacks run there and may call close(),
-/// not destroy the subscriber. Moving a subscriber or destroying it must not race with any
-/// other call on it.
+/// call at any time: a read() blocked on another thread returns ReadResult::ENDED within a
+/// tenth of a second (a blocking read waits in the stream's own socket, as a bare reader would,
+/// and looks at close() and the bus that often while no scene comes), and then it
+/// unsubscribes. The other calls wait for a read in progress on another thread. A bus given by
+/// the caller is used only from the thread that reads. With attach(), call close() on the
+/// loop's thread; the callbacks run there and may call close(), not destroy the subscriber.
+/// Moving a subscriber or destroying it must not race with any other call on it.
 ///
 /// Descriptors: the subscriber holds four (the stream, its own bus connection unless one is
 /// given, an epoll set and an eventfd), all close-on-exec, all closed by close().

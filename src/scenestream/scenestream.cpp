@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -19,14 +20,27 @@ constexpr size_t CHUNK_SIZE = 64u << 10;
 constexpr size_t LARGE_RECORD = 16u << 10;
 constexpr size_t LENGTH_WORD = 4;
 
-// Reads into `iov`; the bytes read, 0 at the end of the stream, or a negative errno.
-ssize_t read_some(scene_stream_t& stream, iovec* iov, int count) {
+// Reads into `iov`, waiting up to `wait_ms` for bytes (0: not at all); the bytes read, 0 at the
+// end of the stream, or a negative errno (-EAGAIN when nothing came).
+ssize_t read_some(scene_stream_t& stream, iovec* iov, int count, int wait_ms) {
     size_t wanted = 0;
     for (int i = 0; i < count; ++i) {
         wanted += iov[i].iov_len;
     }
+    // The timeout is set only when it changes: a reader that keeps its timeout pays nothing
+    // for it per record.
+    if (wait_ms > 0 && wait_ms != stream.timeout_ms) {
+        timeval timeout{wait_ms / 1000, (wait_ms % 1000) * 1000};
+        if (setsockopt(stream.fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) < 0) {
+            return -errno;
+        }
+        stream.timeout_ms = wait_ms;
+    }
+    msghdr message{};
+    message.msg_iov = iov;
+    message.msg_iovlen = static_cast<size_t>(count);
     for (;;) {
-        ssize_t n = readv(stream.fd.get(), iov, count);
+        ssize_t n = recvmsg(stream.fd.get(), &message, wait_ms > 0 ? 0 : MSG_DONTWAIT);
         if (n >= 0) {
             stream.drained = static_cast<size_t>(n) < wanted;
             return n;
@@ -103,7 +117,10 @@ bool start_record(scene_stream_t& stream) {
 
 void scene_stream_open(scene_stream_t& stream, int fd, size_t max_payload) {
     stream.fd.reset(fd);
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    // Reads that must not wait say so themselves; a blocking socket lets the others wait in the
+    // read, without a poll first.
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    stream.timeout_ms = -1;
     stream.max_payload = max_payload;
     stream.chunk.resize(CHUNK_SIZE);
     stream.head = stream.tail = 0;
@@ -115,7 +132,7 @@ void scene_stream_open(scene_stream_t& stream, int fd, size_t max_payload) {
     stream.reason.clear();
 }
 
-scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& payload) {
+scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& payload, int wait_ms) {
     for (;;) {
         if (!stream.in_record && stream.tail - stream.head >= LENGTH_WORD &&
             !start_record(stream)) {
@@ -131,7 +148,7 @@ scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& pay
         if (!stream.fd) {
             return SCENE_STREAM_END;
         }
-        if (stream.drained) {
+        if (stream.drained && wait_ms <= 0) {
             return SCENE_STREAM_AGAIN;
         }
         iovec iov[2];
@@ -159,7 +176,7 @@ scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& pay
                 iov[count++] = {stream.chunk.data() + left, stream.chunk.size() - left};
             }
         }
-        ssize_t n = read_some(stream, iov, count);
+        ssize_t n = read_some(stream, iov, count, wait_ms);
         if (n == -EAGAIN) {
             return SCENE_STREAM_AGAIN;
         }

@@ -1,5 +1,6 @@
 // The reading side of a subscriber's scene stream: whole length-prefixed records out of whatever
-// a non-blocking socket gives, with the record in progress kept between reads.
+// a socket gives, read without waiting or waiting a while, with the record in progress kept
+// between reads.
 #pragma once
 
 #include "common/unique_fd.h"
@@ -17,7 +18,8 @@ enum scene_stream_result_t {
 };
 
 struct scene_stream_t {
-    unique_fd fd;  // non-blocking, close-on-exec
+    unique_fd fd;         // close-on-exec; read with or without waiting as asked
+    int timeout_ms = -1;  // the socket's receive timeout as last set
     size_t max_payload = 0;
     // Bytes read ahead of the record in progress: [head, tail) of `chunk`.
     std::vector<char> chunk;
@@ -38,12 +40,14 @@ struct scene_stream_t {
     std::string reason;  // why it is broken
 };
 
-// Takes `fd` (made non-blocking here) for a stream whose records carry at most `max_payload`
-// bytes of scene.
+// Takes the socket `fd` for a stream whose records carry at most `max_payload` bytes of scene.
 void scene_stream_open(scene_stream_t& stream, int fd, size_t max_payload);
 // Delivers the next whole record's payload into `payload` (swapped in: the string given back
-// serves the next record), reading from the socket only when no whole record waits.
-scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& payload);
+// serves the next record), reading from the socket only when no whole record waits. With
+// `wait_ms` above 0 a read waits up to that long for bytes, also after the last read took less
+// than it asked for: one call per record where a bare blocking reader needs two.
+scene_stream_result_t scene_stream_next(scene_stream_t& stream, std::string& payload,
+                                        int wait_ms = 0);
 // The socket polled readable: the next call reads again even when the last read took less
 // than it asked for.
 void scene_stream_readable(scene_stream_t& stream);

@@ -37,6 +37,8 @@ constexpr const char* OWNER_MATCH =
 constexpr uint64_t SUBSCRIBE_TIMEOUT_USEC = 5'000'000;
 constexpr uint64_t UNSUBSCRIBE_TIMEOUT_USEC = 2'000'000;
 constexpr uint64_t STATISTICS_TIMEOUT_USEC = 2'000'000;
+// A read blocked in the stream's socket looks at close() and the bus this often.
+constexpr int BLOCKED_READ_MS = 100;
 
 enum poll_tag_t : uint32_t { TAG_STREAM = 1, TAG_BUS, TAG_WAKE };
 
@@ -309,8 +311,9 @@ struct Subscriber::Impl {
         return current == SubscriberState::WAITING || current == SubscriberState::PROVIDER_GONE;
     }
 
-    // One step on what is known now, reading the stream unless it was seen drained.
-    ReadResult step(std::string& scene) {
+    // One step on what is known now, reading the stream unless it was seen drained, or
+    // waiting up to `wait_ms` in its read.
+    ReadResult step(std::string& scene, int wait_ms = 0) {
         for (;;) {
             if (closing || closed) {
                 return ReadResult::ENDED;
@@ -331,7 +334,7 @@ struct Subscriber::Impl {
                 try_subscribe();
                 continue;
             }
-            switch (scene_stream_next(stream, scene)) {
+            switch (scene_stream_next(stream, scene, wait_ms)) {
                 case SCENE_STREAM_RECORD:
                     ++scenes;
                     scene_gaps_add(gaps, scene_time(scene));
@@ -372,10 +375,14 @@ struct Subscriber::Impl {
         }
     }
 
+    // Subscribed, it waits in the stream's own read, a call per scene as a bare blocking reader
+    // makes; between reads that found nothing for a while it takes in the bus and close(). Not
+    // subscribed, it waits for the bus and close().
     ReadResult read(std::string& scene, std::chrono::milliseconds timeout) {
         auto deadline = std::chrono::steady_clock::now() + timeout;
+        int wait_ms = 0;
         for (;;) {
-            ReadResult r = step(scene);
+            ReadResult r = step(scene, wait_ms);
             if (r != ReadResult::NOTHING) {
                 return r;
             }
@@ -389,7 +396,15 @@ struct Subscriber::Impl {
                 }
                 timeout_ms = static_cast<int>(std::min<int64_t>(left.count(), INT_MAX));
             }
-            wait(timeout_ms);
+            if (!stream.fd) {
+                wait_ms = 0;
+                wait(timeout_ms);
+                continue;
+            }
+            if (wait_ms > 0) {
+                wait(0);
+            }
+            wait_ms = timeout_ms < 0 ? BLOCKED_READ_MS : std::min(timeout_ms, BLOCKED_READ_MS);
         }
     }
 
