@@ -169,3 +169,7 @@ bool view_access_admit_peer(view_access_t& access, int fd) {
     access.peers[fd] = peer;
     return true;
 }
+
+void view_access_release_peer(view_access_t& access, int fd) {
+    access.peers.erase(fd);
+}

@@ -48,5 +48,7 @@ void view_access_failed(view_access_t& access, const std::string& address, int64
 // Takes a new connection on `fd`, or false when its address holds its
 // share of connections already.
 bool view_access_admit_peer(view_access_t& access, int fd);
+// Gives up the share of a connection that is on its way out.
+void view_access_release_peer(view_access_t& access, int fd);
 // The numeric address of a peer, without its port.
 std::string view_access_host(const sockaddr_storage& peer);
