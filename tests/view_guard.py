@@ -247,7 +247,7 @@ def flood(port, pid, requests):
 
 def hoard(port, pid, max_clients):
     """Connections that hold slots and descriptors: idle viewers, upgrades
-    without the subprotocol, and TCP connections that say nothing."""
+    without the subprotocol, and TCP connections that say nothing or trickle."""
     idle = [Viewer(port) for _ in range(max_clients)]
     for v in idle:
         v.texts_until(lambda m: m.get("op") == "advertise")
@@ -256,10 +256,16 @@ def hoard(port, pid, max_clients):
     foreign = [Viewer(port, protocol=None) for _ in range(50)]
     if any(v.status == 101 for v in foreign):
         fail("an upgrade without the subprotocol was accepted")
-    silent = [socket.create_connection(("127.0.0.1", port)) for _ in range(16 * max_clients)]
+    # One of them trickles a request that never ends, a byte at a time.
+    trickler = socket.create_connection(("127.0.0.1", port))
+    silent = [trickler] + [socket.create_connection(("127.0.0.1", port)) for _ in range(16 * max_clients)]
     peak, end = 0, time.monotonic() + 40
     while silent and time.monotonic() < end:
         peak = max(peak, descriptors(pid))
+        try:
+            trickler.send(b"X")
+        except OSError:
+            pass
         for s in select.select(silent, [], [], 0.05)[0]:
             try:
                 if s.recv(1) != b"":

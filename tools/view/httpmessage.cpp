@@ -43,7 +43,7 @@ bool field_text(std::string_view text, bool spaces) {
 }
 
 int hex_digit(char c) {
-    return c >= '0' && c <= '9' ? c - '0'
+    return c >= '0' && c <= '9'   ? c - '0'
            : c >= 'a' && c <= 'f' ? c - 'a' + 10
            : c >= 'A' && c <= 'F' ? c - 'A' + 10
                                   : -1;
@@ -51,19 +51,32 @@ int hex_digit(char c) {
 
 const char* reason_phrase(unsigned status) {
     switch (status) {
-        case 101: return "Switching Protocols";
-        case 200: return "OK";
-        case 400: return "Bad Request";
-        case 401: return "Unauthorized";
-        case 403: return "Forbidden";
-        case 404: return "Not Found";
-        case 405: return "Method Not Allowed";
-        case 426: return "Upgrade Required";
-        case 429: return "Too Many Requests";
-        case 431: return "Request Header Fields Too Large";
-        case 500: return "Internal Server Error";
-        case 505: return "HTTP Version Not Supported";
-        default: return "Error";
+        case 101:
+            return "Switching Protocols";
+        case 200:
+            return "OK";
+        case 400:
+            return "Bad Request";
+        case 401:
+            return "Unauthorized";
+        case 403:
+            return "Forbidden";
+        case 404:
+            return "Not Found";
+        case 405:
+            return "Method Not Allowed";
+        case 426:
+            return "Upgrade Required";
+        case 429:
+            return "Too Many Requests";
+        case 431:
+            return "Request Header Fields Too Large";
+        case 500:
+            return "Internal Server Error";
+        case 505:
+            return "HTTP Version Not Supported";
+        default:
+            return "Error";
     }
 }
 

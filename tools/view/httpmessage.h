@@ -14,8 +14,8 @@ constexpr size_t HTTP_MAX_REQUEST_HEAD = 8 * 1024;
 
 struct http_request_t {
     std::string method;
-    std::string target;   // as sent: path and query
-    bool http11 = false;  // else HTTP/1.0
+    std::string target;                                        // as sent: path and query
+    bool http11 = false;                                       // else HTTP/1.0
     std::vector<std::pair<std::string, std::string>> headers;  // names in lower case
 };
 

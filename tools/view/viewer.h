@@ -31,9 +31,9 @@ struct view_viewer_t {
     std::map<uint32_t, view_message_t> data;  // subscription -> its newest message
     std::string message;                      // a text message arriving in fragments
     uint8_t message_opcode = 0;               // of the message in fragments; 0 for none
-    bool closing = false;       // nothing more is read; closes once `text` is out
-    bool close_queued = false;  // `out` is the close frame
-    uint16_t close_code = 0;    // 0: a close frame without a code
+    bool closing = false;                     // nothing more is read; closes once `text` is out
+    bool close_queued = false;                // `out` is the close frame
+    uint16_t close_code = 0;                  // 0: a close frame without a code
     std::string close_reason;
     int64_t stall_deadline = 0;  // something waits: when it is disconnected without progress
     uint64_t serial = 0;         // in the order of arrival

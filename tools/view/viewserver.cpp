@@ -157,12 +157,12 @@ struct ViewServer::connection_t {
     std::unique_ptr<view_link_t> link;
     std::string host;  // the peer's address
     phase_t phase = HANDSHAKING;
-    std::string in;                  // bytes read and not yet used
-    std::string out;                 // an HTTP response
-    size_t out_at = 0;               // of `out`, sent
-    int64_t deadline = 0;            // of the handshake or the lingering; 0 for none
-    bool cookie_due = false;         // a page request that gave the secret
-    uint32_t events = 0;             // asked of epoll
+    std::string in;           // bytes read and not yet used
+    std::string out;          // an HTTP response
+    size_t out_at = 0;        // of `out`, sent
+    int64_t deadline = 0;     // of the handshake or the lingering; 0 for none
+    bool cookie_due = false;  // a page request that gave the secret
+    uint32_t events = 0;      // asked of epoll
     std::unique_ptr<view_viewer_t> viewer;
 };
 
@@ -279,7 +279,8 @@ void ViewServer::run() {
                 next = at ? std::min(next, at) : next;
             }
         }
-        int timeout = pending ? 0 : static_cast<int>(std::max<int64_t>(0, next - now) / 1'000'000 + 1);
+        int timeout =
+            pending ? 0 : static_cast<int>(std::max<int64_t>(0, next - now) / 1'000'000 + 1);
         int n = epoll_wait(epoll_fd_, events, 64, timeout);
         for (int i = 0; i < n; ++i) {
             int fd = events[i].data.fd;
@@ -385,7 +386,8 @@ void ViewServer::service(int fd, uint32_t events) {
             // Whatever the peer still sends is dropped until it closes.
             char scratch[READ_CHUNK];
             ssize_t n = 0;
-            for (size_t i = 0; i < READS_PER_TURN && (n = recv(fd, scratch, sizeof scratch, 0)) > 0; ++i) {
+            for (size_t i = 0; i < READS_PER_TURN && (n = recv(fd, scratch, sizeof scratch, 0)) > 0;
+                 ++i) {
             }
             if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
                 drop(fd);
@@ -404,7 +406,8 @@ void ViewServer::readRequest(connection_t& connection) {
     int fd = connection.link->fd;
     char chunk[READ_CHUNK];
     for (size_t i = 0; i < READS_PER_TURN; ++i) {
-        size_t room = HTTP_MAX_REQUEST_HEAD + 1 - std::min(connection.in.size(), HTTP_MAX_REQUEST_HEAD);
+        size_t room =
+            HTTP_MAX_REQUEST_HEAD + 1 - std::min(connection.in.size(), HTTP_MAX_REQUEST_HEAD);
         ssize_t n = view_link_read(*connection.link, chunk, std::min(room, sizeof chunk));
         if (n < 0) {
             drop(fd);
@@ -460,8 +463,7 @@ unsigned ViewServer::refusal(connection_t& connection, const http_request_t& req
     return 0;
 }
 
-void ViewServer::answer(connection_t& connection, const http_request_t& request,
-                        size_t head_size) {
+void ViewServer::answer(connection_t& connection, const http_request_t& request, size_t head_size) {
     static const std::map<unsigned, const char*> WHY{
         {401, "this view needs its secret: add ?token=SECRET to the address"},
         {403, "pages of other origins may not use this view"},
@@ -514,8 +516,8 @@ void ViewServer::upgrade(connection_t& connection, const http_request_t& request
         return;
     }
     if (http_request_header(request, "sec-websocket-version") != "13") {
-        respond(connection, http_refusal(426, "WebSocket version 13 is needed",
-                                         {"Sec-WebSocket-Version: 13"}));
+        respond(connection,
+                http_refusal(426, "WebSocket version 13 is needed", {"Sec-WebSocket-Version: 13"}));
         return;
     }
     if (!http_list_has(http_request_header(request, "sec-websocket-protocol"), SUBPROTOCOL)) {
@@ -534,10 +536,11 @@ void ViewServer::upgrade(connection_t& connection, const http_request_t& request
     viewer->serial = ++serial_;
     viewer->connected_at = now_ns();
     viewer->host = connection.host;
-    std::string switching = http_response(101, {"Upgrade: websocket", "Connection: Upgrade",
-                                                "Sec-WebSocket-Accept: " + accept,
-                                                std::string("Sec-WebSocket-Protocol: ") + SUBPROTOCOL},
-                                          {});
+    std::string switching = http_response(
+        101,
+        {"Upgrade: websocket", "Connection: Upgrade", "Sec-WebSocket-Accept: " + accept,
+         std::string("Sec-WebSocket-Protocol: ") + SUBPROTOCOL},
+        {});
     viewer->text_bytes = switching.size();
     viewer->text.push_back(std::move(switching));
     connection.viewer = std::move(viewer);
@@ -626,13 +629,15 @@ void ViewServer::frames(connection_t& connection) {
     size_t at = 0;
     while (!viewer.closing) {
         ws_frame_t frame;
-        uint16_t verdict = ws_frame_read_head(std::string_view(in).substr(at), MAX_CLIENT_MESSAGE, frame);
+        uint16_t verdict =
+            ws_frame_read_head(std::string_view(in).substr(at), MAX_CLIENT_MESSAGE, frame);
         bool data = frame.opcode < WS_CLOSE;
         if (verdict == WS_NORMAL && data &&
             (frame.opcode == WS_CONTINUATION) != (viewer.message_opcode != 0)) {
             verdict = WS_PROTOCOL_ERROR;  // a continuation of nothing, or a message inside another
         }
-        if (verdict == WS_NORMAL && data && viewer.message.size() + frame.length > MAX_CLIENT_MESSAGE) {
+        if (verdict == WS_NORMAL && data &&
+            viewer.message.size() + frame.length > MAX_CLIENT_MESSAGE) {
             verdict = WS_MESSAGE_TOO_LARGE;
         }
         if (verdict == WS_PROTOCOL_ERROR) {
@@ -671,7 +676,8 @@ void ViewServer::frames(connection_t& connection) {
 void ViewServer::message(view_viewer_t& viewer, uint8_t opcode, std::string_view payload) {
     switch (opcode) {
         case WS_PING:
-            view_viewer_queue_frame(viewer, ws_frame_head(WS_PONG, payload.size()) + std::string(payload));
+            view_viewer_queue_frame(viewer,
+                                    ws_frame_head(WS_PONG, payload.size()) + std::string(payload));
             return;
         case WS_PONG:
             return;
@@ -680,17 +686,17 @@ void ViewServer::message(view_viewer_t& viewer, uint8_t opcode, std::string_view
                 view_viewer_close_after(viewer, WS_PROTOCOL_ERROR, "a malformed close frame");
                 return;
             }
-            viewer.text.clear();
-            viewer.text_bytes = 0;
             view_viewer_close_after(
                 viewer,
-                payload.empty() ? 0
-                                : static_cast<uint16_t>(static_cast<unsigned char>(payload[0]) << 8 |
-                                                        static_cast<unsigned char>(payload[1])),
+                payload.empty()
+                    ? 0
+                    : static_cast<uint16_t>(static_cast<unsigned char>(payload[0]) << 8 |
+                                            static_cast<unsigned char>(payload[1])),
                 "");
             return;
         case WS_BINARY:
-            view_viewer_queue_text(viewer, foxglove_status(FOXGLOVE_ERROR, "binary messages are not supported"));
+            view_viewer_queue_text(
+                viewer, foxglove_status(FOXGLOVE_ERROR, "binary messages are not supported"));
             return;
         default:
             break;

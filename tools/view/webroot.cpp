@@ -31,11 +31,13 @@ bool plain_path(const std::string& path) {
 }
 
 std::string media_type(const std::string& path) {
-    static const std::map<std::string, std::string> TYPES{
-        {"html", "text/html; charset=utf-8"}, {"js", "text/javascript; charset=utf-8"},
-        {"css", "text/css; charset=utf-8"},   {"json", "application/json"},
-        {"svg", "image/svg+xml"},             {"png", "image/png"},
-        {"ico", "image/x-icon"}};
+    static const std::map<std::string, std::string> TYPES{{"html", "text/html; charset=utf-8"},
+                                                          {"js", "text/javascript; charset=utf-8"},
+                                                          {"css", "text/css; charset=utf-8"},
+                                                          {"json", "application/json"},
+                                                          {"svg", "image/svg+xml"},
+                                                          {"png", "image/png"},
+                                                          {"ico", "image/x-icon"}};
     size_t dot = path.rfind('.');
     auto it = dot == std::string::npos ? TYPES.end() : TYPES.find(path.substr(dot + 1));
     return it == TYPES.end() ? "application/octet-stream" : it->second;

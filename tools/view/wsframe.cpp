@@ -9,8 +9,8 @@ namespace {
 constexpr size_t MAX_CONTROL_PAYLOAD = 125;
 
 bool base64_digit(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           c == '+' || c == '/';
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+           c == '/';
 }
 
 }  // namespace
@@ -93,7 +93,8 @@ bool ws_close_payload_valid(std::string_view payload) {
     if (payload.size() < 2) {
         return false;
     }
-    unsigned code = static_cast<unsigned char>(payload[0]) << 8 | static_cast<unsigned char>(payload[1]);
+    unsigned code =
+        static_cast<unsigned char>(payload[0]) << 8 | static_cast<unsigned char>(payload[1]);
     // 1004-1006 and 1015 are reserved, never sent; 1016-2999 belong to the
     // protocol's future.
     bool usable = (code >= 1000 && code <= 1003) || (code >= 1007 && code <= 1014) ||

@@ -28,8 +28,8 @@ constexpr uint16_t WS_MESSAGE_TOO_LARGE = 1009;
 struct ws_frame_t {
     bool fin = false;
     uint8_t opcode = 0;
-    uint64_t length = 0;      // of the payload
-    size_t head_size = 0;     // bytes before the payload
+    uint64_t length = 0;   // of the payload
+    size_t head_size = 0;  // bytes before the payload
     unsigned char mask[4] = {0, 0, 0, 0};
 };
 
