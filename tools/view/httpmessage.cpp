@@ -16,13 +16,6 @@ bool token(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), token_char);
 }
 
-std::string lower(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return out;
-}
-
 std::string_view trim(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
         text.remove_prefix(1);
@@ -120,7 +113,7 @@ unsigned http_request_parse(std::string_view bytes, http_request_t& request, siz
             !field_text(field.substr(colon + 1), true)) {
             return 400;
         }
-        request.headers.emplace_back(lower(field.substr(0, colon)),
+        request.headers.emplace_back(http_lower(field.substr(0, colon)),
                                      std::string(trim(field.substr(colon + 1))));
         at = next + 2;
     }
@@ -186,11 +179,18 @@ std::string http_request_query(const http_request_t& request, std::string_view n
     return {};
 }
 
+std::string http_lower(std::string_view text) {
+    std::string out(text);
+    std::transform(out.begin(), out.end(), out.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return out;
+}
+
 bool http_list_has(std::string_view value, std::string_view wanted) {
-    std::string lowered = lower(wanted);
+    std::string lowered = http_lower(wanted);
     for (size_t at = 0; at <= value.size();) {
         size_t end = std::min(value.find(',', at), value.size());
-        if (lower(trim(value.substr(at, end - at))) == lowered) {
+        if (http_lower(trim(value.substr(at, end - at))) == lowered) {
             return true;
         }
         at = end + 1;

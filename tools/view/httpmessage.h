@@ -32,6 +32,8 @@ size_t http_request_header_count(const http_request_t& request, std::string_view
 std::string http_request_path(const http_request_t& request);
 // A query parameter, percent-decoded; empty when absent.
 std::string http_request_query(const http_request_t& request, std::string_view name);
+// `text` in lower case (ASCII): names and schemes compare so.
+std::string http_lower(std::string_view text);
 // Whether a comma-separated header value holds `token`, ignoring case.
 bool http_list_has(std::string_view value, std::string_view token);
 
