@@ -1,12 +1,10 @@
-// The viewer's server: its connections on one epoll loop, from the TLS and
-// HTTP handshakes to the viewers' frames.
+// The viewer's server: its connections on one epoll loop, and what goes
+// out to them.
 #include "viewserver.h"
 
 #include "common/log.h"
 #include "httpmessage.h"
-#include "viewer.h"
-#include "viewlink.h"
-#include "webroot.h"
+#include "viewconnection.h"
 #include "wsframe.h"
 
 #include <malloc.h>
@@ -28,36 +26,18 @@
 
 namespace {
 
-// What a viewer may send in one message; how long what waits for it may go
-// unsent before it is disconnected.
-constexpr size_t MAX_CLIENT_MESSAGE = 64 * 1024;
+// How long what waits for a viewer may go unsent before it is disconnected.
 constexpr int64_t MAX_STALL_NS = 3'000'000'000;
-// The kernel's send buffer of a viewer's socket: room for a few scenes.
-constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
-// How long a connection may take to become a viewer (TCP, TLS and HTTP
-// handshakes), how long one that is done may take to see our last bytes
-// and close, and how many connections (pages, upgrades) there may be per
-// viewer allowed.
-constexpr int64_t HANDSHAKE_TIMEOUT_NS = 5'000'000'000;
+// How long a connection that is done may take to see our last bytes and
+// close, and how many connections (pages, upgrades) there may be per viewer
+// allowed.
 constexpr int64_t LINGER_NS = 2'000'000'000;
 constexpr size_t CONNECTIONS_PER_VIEWER = 4;
 // Descriptors kept for everything else: listening, the loop, the bus, the
 // scene stream, the page's files.
 constexpr size_t SPARE_DESCRIPTORS = 32;
-// Bytes read from one connection, and written to one, per turn of the loop.
-constexpr size_t READ_CHUNK = 16 * 1024;
-constexpr size_t READS_PER_TURN = 16;
+// Bytes written to one connection at a time.
 constexpr size_t WRITE_CHUNK = 64 * 1024;
-
-const char* const SUBPROTOCOL = "foxglove.websocket.v1";
-
-enum phase_t { HANDSHAKING, RESPONDING, VIEWING, LINGERING };
-
-int64_t now_ns() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 bool loopback(const sockaddr_storage& address) {
     if (address.ss_family == AF_INET) {
@@ -152,19 +132,6 @@ unsigned connection_limit(size_t max_clients) {
 }
 
 }  // namespace
-
-struct ViewServer::connection_t {
-    std::unique_ptr<view_link_t> link;
-    std::string host;  // the peer's address
-    phase_t phase = HANDSHAKING;
-    std::string in;           // bytes read and not yet used
-    std::string out;          // an HTTP response
-    size_t out_at = 0;        // of `out`, sent
-    int64_t deadline = 0;     // of the handshake or the lingering; 0 for none
-    bool cookie_due = false;  // a page request that gave the secret
-    uint32_t events = 0;      // asked of epoll
-    std::unique_ptr<view_viewer_t> viewer;
-};
 
 ViewServer::ViewServer(const view_server_options_t& options,
                        std::vector<foxglove_channel_t> channels)
@@ -268,10 +235,10 @@ void ViewServer::run() {
     while (!stopping_) {
         // TLS may hold bytes it read that epoll cannot tell of.
         bool pending = std::any_of(connections_.begin(), connections_.end(), [](const auto& c) {
-            return c.second->phase == VIEWING && !c.second->viewer->closing &&
+            return c.second->phase == VIEW_VIEWING && !c.second->viewer->closing &&
                    view_link_pending(*c.second->link);
         });
-        int64_t now = now_ns();
+        int64_t now = view_now_ns();
         int64_t next = now + 1'000'000'000;
         for (const auto& [fd, connection] : connections_) {
             for (int64_t at : {connection->deadline,
@@ -298,7 +265,7 @@ void ViewServer::run() {
         if (pending) {
             std::vector<int> again;
             for (const auto& [fd, connection] : connections_) {
-                if (connection->phase == VIEWING && view_link_pending(*connection->link)) {
+                if (connection->phase == VIEW_VIEWING && view_link_pending(*connection->link)) {
                     again.push_back(fd);
                 }
             }
@@ -324,7 +291,7 @@ void ViewServer::accept() {
             // What it sent already is read first: closing on unread bytes
             // would reset the connection instead of ending it.
             char scratch[HTTP_MAX_REQUEST_HEAD];
-            while (recv(fd, scratch, sizeof scratch, 0) > 0) {
+            for (size_t i = 0; i < 2 && recv(fd, scratch, sizeof scratch, 0) > 0; ++i) {
             }
             close(fd);
             continue;
@@ -336,7 +303,7 @@ void ViewServer::accept() {
             continue;
         }
         connection->host = peer_host(fd);
-        connection->deadline = now_ns() + HANDSHAKE_TIMEOUT_NS;
+        connection->deadline = view_now_ns() + VIEW_HANDSHAKE_TIMEOUT_NS;
         epoll_event event{};
         event.events = connection->events = EPOLLIN;
         event.data.fd = fd;
@@ -357,7 +324,7 @@ void ViewServer::service(int fd, uint32_t events) {
     }
     connection_t& connection = *it->second;
     switch (connection.phase) {
-        case HANDSHAKING: {
+        case VIEW_HANDSHAKING: {
             std::string error;
             int result = view_link_handshake(*connection.link, error);
             if (result < 0) {
@@ -371,10 +338,10 @@ void ViewServer::service(int fd, uint32_t events) {
             }
             break;
         }
-        case RESPONDING:
+        case VIEW_RESPONDING:
             flush(connection);
             break;
-        case VIEWING:
+        case VIEW_VIEWING:
             if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
                 receive(connection);
             }
@@ -382,12 +349,12 @@ void ViewServer::service(int fd, uint32_t events) {
                 flush(connection);
             }
             break;
-        case LINGERING: {
+        case VIEW_LINGERING: {
             // Whatever the peer still sends is dropped until it closes.
-            char scratch[READ_CHUNK];
+            char scratch[VIEW_READ_CHUNK];
             ssize_t n = 0;
-            for (size_t i = 0; i < READS_PER_TURN && (n = recv(fd, scratch, sizeof scratch, 0)) > 0;
-                 ++i) {
+            for (size_t i = 0;
+                 i < VIEW_READS_PER_TURN && (n = recv(fd, scratch, sizeof scratch, 0)) > 0; ++i) {
             }
             if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
                 drop(fd);
@@ -401,162 +368,15 @@ void ViewServer::service(int fd, uint32_t events) {
     }
 }
 
-// Reads a request's head, within its bound, and answers it once whole.
-void ViewServer::readRequest(connection_t& connection) {
-    int fd = connection.link->fd;
-    char chunk[READ_CHUNK];
-    for (size_t i = 0; i < READS_PER_TURN; ++i) {
-        size_t room =
-            HTTP_MAX_REQUEST_HEAD + 1 - std::min(connection.in.size(), HTTP_MAX_REQUEST_HEAD);
-        ssize_t n = view_link_read(*connection.link, chunk, std::min(room, sizeof chunk));
-        if (n < 0) {
-            drop(fd);
-            return;
-        }
-        connection.in.append(chunk, static_cast<size_t>(n));
-        http_request_t request;
-        size_t head_size = 0;
-        unsigned status = http_request_parse(connection.in, request, head_size);
-        if (status == 200) {
-            answer(connection, request, head_size);
-            return;
-        }
-        if (status != 0) {
-            static const std::map<unsigned, const char*> WHY{
-                {400, "a malformed request"},
-                {431, "request headers too large: 8 KiB at most"},
-                {505, "HTTP/1.1 only"}};
-            respond(connection, http_refusal(status, WHY.at(status)));
-            return;
-        }
-        if (n == 0) {
-            return;
-        }
-    }
-}
-
-// The HTTP status that refuses a page request or an upgrade, or 0: a page
-// of another origin, missing or wrong credentials (counted per address).
-unsigned ViewServer::refusal(connection_t& connection, const http_request_t& request,
-                             bool upgrade) {
-    if (http_request_header_count(request, "origin") > 0 &&
-        !view_access_origin_allowed(access_, http_request_header(request, "origin"))) {
-        return 403;
-    }
-    if (access_.secret.empty()) {
-        return 0;
-    }
-    int64_t now_s = now_ns() / 1'000'000'000;
-    if (view_access_locked_out(access_, connection.host, now_s)) {
-        return 429;
-    }
-    std::string bearer = http_request_header(request, "authorization");
-    std::string token = http_request_query(request, "token");
-    bool given = (bearer.rfind("Bearer ", 0) == 0 &&
-                  view_access_secret_matches(access_, bearer.substr(7))) ||
-                 (!token.empty() && view_access_secret_matches(access_, token));
-    if (!given && !view_access_cookie_matches(access_, http_request_header(request, "cookie"))) {
-        view_access_failed(access_, connection.host, now_s);
-        return 401;
-    }
-    connection.cookie_due = given && !upgrade;
-    return 0;
-}
-
-void ViewServer::answer(connection_t& connection, const http_request_t& request, size_t head_size) {
-    static const std::map<unsigned, const char*> WHY{
-        {401, "this view needs its secret: add ?token=SECRET to the address"},
-        {403, "pages of other origins may not use this view"},
-        {429, "too many failed attempts from this address; try again in a minute"}};
-    if (request.method != "GET" && request.method != "HEAD") {
-        respond(connection, http_refusal(405, "GET and HEAD only", {"Allow: GET, HEAD"}));
-        return;
-    }
-    bool upgrade = http_list_has(http_request_header(request, "upgrade"), "websocket");
-    if (unsigned status = refusal(connection, request, upgrade)) {
-        respond(connection, http_refusal(status, WHY.at(status)));
-        return;
-    }
-    if (upgrade) {
-        this->upgrade(connection, request, head_size);
-        return;
-    }
-    std::string body, type;
-    bool head = request.method == "HEAD";
-    if (web_root_file(options_.web_root, http_request_path(request), body, type) != 200) {
-        respond(connection, http_refusal(404, "no such file"));
-        return;
-    }
-    std::vector<std::string> headers{"Content-Type: " + type, "X-Content-Type-Options: nosniff",
-                                     "Cache-Control: no-cache"};
-    if (connection.cookie_due) {
-        headers.push_back(std::string("Set-Cookie: ") + VIEW_COOKIE + "=" + access_.session +
-                          "; Path=/; HttpOnly; SameSite=Strict" + (tls_ ? "; Secure" : ""));
-    }
-    respond(connection, http_response(200, headers, body, !head));
-}
-
-// Sends `response`, then the connection ends.
-void ViewServer::respond(connection_t& connection, std::string response) {
-    connection.phase = RESPONDING;
-    connection.out = std::move(response);
-    connection.out_at = 0;
-    connection.in.clear();
-    connection.in.shrink_to_fit();
-    connection.deadline = now_ns() + HANDSHAKE_TIMEOUT_NS;
-    flush(connection);
-}
-
-void ViewServer::upgrade(connection_t& connection, const http_request_t& request,
-                         size_t head_size) {
-    std::string accept = ws_accept_key(http_request_header(request, "sec-websocket-key"));
-    if (request.method != "GET" || !request.http11 || accept.empty() ||
-        !http_list_has(http_request_header(request, "connection"), "upgrade")) {
-        respond(connection, http_refusal(400, "a malformed WebSocket upgrade"));
-        return;
-    }
-    if (http_request_header(request, "sec-websocket-version") != "13") {
-        respond(connection,
-                http_refusal(426, "WebSocket version 13 is needed", {"Sec-WebSocket-Version: 13"}));
-        return;
-    }
-    if (!http_list_has(http_request_header(request, "sec-websocket-protocol"), SUBPROTOCOL)) {
-        respond(connection,
-                http_refusal(400, "an upgrade needs the subprotocol foxglove.websocket.v1"));
-        return;
-    }
-    // The kernel would otherwise queue megabytes of old scenes for a viewer
-    // that falls behind before the server sees it stall.
-    int send_buffer = VIEWER_SEND_BUFFER;
-    setsockopt(connection.link->fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
-    connection.phase = VIEWING;
-    connection.deadline = 0;
-    connection.in.erase(0, head_size);
-    auto viewer = std::make_unique<view_viewer_t>();
-    viewer->serial = ++serial_;
-    viewer->connected_at = now_ns();
-    viewer->host = connection.host;
-    std::string switching = http_response(
-        101,
-        {"Upgrade: websocket", "Connection: Upgrade", "Sec-WebSocket-Accept: " + accept,
-         std::string("Sec-WebSocket-Protocol: ") + SUBPROTOCOL},
-        {});
-    viewer->text_bytes = switching.size();
-    viewer->text.push_back(std::move(switching));
-    connection.viewer = std::move(viewer);
-    admit(*connection.viewer);
-    // Frames may have come with the request.
-    frames(connection);
-    flush(connection);
-}
-
 // A new viewer beyond the limit takes the place of one that subscribes to
 // nothing, or else of one that does not take what it subscribed to; among
 // those, of one from the address with the most viewers, the oldest first.
-// A viewer that reads is never replaced: when all read, the new one is
-// refused.
+// A viewer that reads is never replaced, but for one too young to have
+// shown it from an address with more viewers than the new one's: one
+// peer's connections, coming and going, must not keep every place young.
+// When none may go, the new one is refused.
 void ViewServer::admit(view_viewer_t& viewer) {
-    int64_t now = now_ns();
+    int64_t now = view_now_ns();
     std::vector<view_viewer_t*> others;
     std::map<std::string, size_t> per_address;
     for (const auto& [fd, connection] : connections_) {
@@ -566,15 +386,18 @@ void ViewServer::admit(view_viewer_t& viewer) {
             ++per_address[other->host];
         }
     }
+    size_t mine = per_address[viewer.host];
     view_viewer_t* weakest = nullptr;
-    std::tuple<int, int64_t, uint64_t> weakest_rank{2, 0, 0};
+    std::tuple<int, int64_t, uint64_t> weakest_rank{3, 0, 0};
     for (view_viewer_t* other : others) {
         // One that just came has its moment to subscribe.
         int s = view_viewer_standing(*other, now);
+        bool young = now - other->connected_at < VIEW_READING_WINDOW_NS;
         s = s == 0 && now - other->connected_at < VIEW_READING_WINDOW_NS / 2 ? 1 : s;
         std::tuple<int, int64_t, uint64_t> rank{s, -static_cast<int64_t>(per_address[other->host]),
                                                 other->serial};
-        if (s < 2 && (!weakest || rank < weakest_rank)) {
+        bool may_go = s < 2 || (young && per_address[other->host] > mine);
+        if (may_go && (!weakest || rank < weakest_rank)) {
             weakest = other;
             weakest_rank = rank;
         }
@@ -589,8 +412,10 @@ void ViewServer::admit(view_viewer_t& viewer) {
             *weakest, WS_POLICY_VIOLATION,
             weakest->session.empty()
                 ? "a newer viewer took the place of this one, which subscribed to nothing"
-                : "a newer viewer took the place of this one, which did not take what it "
-                  "subscribed to");
+            : std::get<0>(weakest_rank) < 2
+                ? "a newer viewer took the place of this one, which did not take what it "
+                  "subscribed to"
+                : "a viewer from an address with fewer viewers took the place of this new one");
         for (const auto& [fd, connection] : connections_) {
             if (connection->viewer.get() == weakest) {
                 watch(*connection);
@@ -604,114 +429,6 @@ void ViewServer::admit(view_viewer_t& viewer) {
     }
 }
 
-// Reads what a viewer sends, a few chunks per turn, and handles its frames.
-void ViewServer::receive(connection_t& connection) {
-    char chunk[READ_CHUNK];
-    for (size_t i = 0; i < READS_PER_TURN && !connection.viewer->closing; ++i) {
-        ssize_t n = view_link_read(*connection.link, chunk, sizeof chunk);
-        if (n < 0) {
-            drop(connection.link->fd);
-            return;
-        }
-        if (n == 0) {
-            return;
-        }
-        connection.in.append(chunk, static_cast<size_t>(n));
-        frames(connection);
-    }
-}
-
-// Handles the whole frames read; a frame that breaks RFC 6455 fails the
-// connection with 1002.
-void ViewServer::frames(connection_t& connection) {
-    view_viewer_t& viewer = *connection.viewer;
-    std::string& in = connection.in;
-    size_t at = 0;
-    while (!viewer.closing) {
-        ws_frame_t frame;
-        uint16_t verdict =
-            ws_frame_read_head(std::string_view(in).substr(at), MAX_CLIENT_MESSAGE, frame);
-        bool data = frame.opcode < WS_CLOSE;
-        if (verdict == WS_NORMAL && data &&
-            (frame.opcode == WS_CONTINUATION) != (viewer.message_opcode != 0)) {
-            verdict = WS_PROTOCOL_ERROR;  // a continuation of nothing, or a message inside another
-        }
-        if (verdict == WS_NORMAL && data &&
-            viewer.message.size() + frame.length > MAX_CLIENT_MESSAGE) {
-            verdict = WS_MESSAGE_TOO_LARGE;
-        }
-        if (verdict == WS_PROTOCOL_ERROR) {
-            view_viewer_close_after(viewer, WS_PROTOCOL_ERROR, "a frame against RFC 6455");
-            break;
-        }
-        if (verdict == WS_MESSAGE_TOO_LARGE) {
-            view_viewer_close_with(viewer, WS_MESSAGE_TOO_LARGE, "message too large");
-            break;
-        }
-        if (verdict == 0 || in.size() - at < frame.head_size + frame.length) {
-            break;
-        }
-        char* payload = in.data() + at + frame.head_size;
-        size_t length = static_cast<size_t>(frame.length);
-        ws_frame_unmask(frame, payload, length);
-        at += frame.head_size + length;
-        if (!data) {
-            message(viewer, frame.opcode, std::string_view(payload, length));
-            continue;
-        }
-        uint8_t opcode = frame.opcode == WS_CONTINUATION ? viewer.message_opcode : frame.opcode;
-        if (opcode == WS_TEXT) {
-            viewer.message.append(payload, length);
-        }
-        viewer.message_opcode = frame.fin ? 0 : opcode;
-        if (frame.fin) {
-            message(viewer, opcode, viewer.message);
-            viewer.message.clear();
-        }
-    }
-    in.erase(0, viewer.closing ? in.size() : at);
-}
-
-// A whole message or control frame from a viewer.
-void ViewServer::message(view_viewer_t& viewer, uint8_t opcode, std::string_view payload) {
-    switch (opcode) {
-        case WS_PING:
-            view_viewer_queue_frame(viewer,
-                                    ws_frame_head(WS_PONG, payload.size()) + std::string(payload));
-            return;
-        case WS_PONG:
-            return;
-        case WS_CLOSE:
-            if (!ws_close_payload_valid(payload)) {
-                view_viewer_close_after(viewer, WS_PROTOCOL_ERROR, "a malformed close frame");
-                return;
-            }
-            view_viewer_close_after(
-                viewer,
-                payload.empty()
-                    ? 0
-                    : static_cast<uint16_t>(static_cast<unsigned char>(payload[0]) << 8 |
-                                            static_cast<unsigned char>(payload[1])),
-                "");
-            return;
-        case WS_BINARY:
-            view_viewer_queue_text(
-                viewer, foxglove_status(FOXGLOVE_ERROR, "binary messages are not supported"));
-            return;
-        default:
-            break;
-    }
-    if (!ws_utf8_valid(payload)) {
-        view_viewer_close_after(viewer, WS_INVALID_DATA, "a text message that is not UTF-8");
-        return;
-    }
-    std::set<uint32_t> ids(channel_ids_.begin(), channel_ids_.end());
-    if (auto reply = viewer.session.handleText(payload, ids)) {
-        view_viewer_queue_text(viewer, *reply);
-    }
-    updateWanted();
-}
-
 // Writes what waits while the socket takes it: an HTTP response, or a
 // viewer's frames. Once the last is out, the connection lingers.
 void ViewServer::flush(connection_t& connection) {
@@ -721,10 +438,10 @@ void ViewServer::flush(connection_t& connection) {
     while (true) {
         const char* from = nullptr;
         size_t n = 0;
-        if (connection.phase == RESPONDING) {
+        if (connection.phase == VIEW_RESPONDING) {
             from = connection.out.data() + connection.out_at;
             n = connection.out.size() - connection.out_at;
-        } else if (connection.phase == VIEWING) {
+        } else if (connection.phase == VIEW_VIEWING) {
             if (viewer->out_at == viewer->out.size()) {
                 if (viewer->close_queued) {
                     finish(connection);
@@ -755,13 +472,13 @@ void ViewServer::flush(connection_t& connection) {
             break;
         }
         progress = true;
-        if (connection.phase == RESPONDING) {
+        if (connection.phase == VIEW_RESPONDING) {
             connection.out_at += static_cast<size_t>(sent);
             continue;
         }
         viewer->out_at += static_cast<size_t>(sent);
         if (viewer->out_at == viewer->out.size()) {
-            view_viewer_sent(*viewer, now_ns());
+            view_viewer_sent(*viewer, view_now_ns());
         }
     }
     if (viewer) {
@@ -769,7 +486,7 @@ void ViewServer::flush(connection_t& connection) {
         // disconnected.
         bool waiting = view_viewer_waiting(*viewer);
         if (waiting && (progress || !viewer->stall_deadline)) {
-            viewer->stall_deadline = now_ns() + MAX_STALL_NS;
+            viewer->stall_deadline = view_now_ns() + MAX_STALL_NS;
         } else if (!waiting) {
             viewer->stall_deadline = 0;
         }
@@ -785,8 +502,8 @@ void ViewServer::finish(connection_t& connection) {
     // Its address may make new connections meanwhile: this one is bounded
     // by its time and by the connections there may be in all.
     view_access_release_peer(access_, connection.link->fd);
-    connection.phase = LINGERING;
-    connection.deadline = now_ns() + LINGER_NS;
+    connection.phase = VIEW_LINGERING;
+    connection.deadline = view_now_ns() + LINGER_NS;
     connection.out.clear();
     connection.out.shrink_to_fit();
     connection.in.clear();
@@ -824,11 +541,12 @@ void ViewServer::drop(int fd) {
 // (none from a viewer that is closing), room for what it is sent.
 void ViewServer::watch(connection_t& connection) {
     view_viewer_t* viewer = connection.viewer.get();
-    bool read = connection.phase == HANDSHAKING || connection.phase == LINGERING ||
+    bool read = connection.phase == VIEW_HANDSHAKING || connection.phase == VIEW_LINGERING ||
                 (viewer && !viewer->closing);
-    bool write = connection.link->wants_write ||
-                 (connection.phase == RESPONDING && connection.out_at < connection.out.size()) ||
-                 (viewer && view_viewer_waiting(*viewer));
+    bool write =
+        connection.link->wants_write ||
+        (connection.phase == VIEW_RESPONDING && connection.out_at < connection.out.size()) ||
+        (viewer && view_viewer_waiting(*viewer));
     uint32_t events = (read ? uint32_t{EPOLLIN} : 0u) | (write ? uint32_t{EPOLLOUT} : 0u);
     if (events != connection.events) {
         epoll_event event{};
@@ -842,7 +560,7 @@ void ViewServer::watch(connection_t& connection) {
 // viewers that stalled, lingering ones. They are not told: nothing
 // reaches them.
 void ViewServer::expire() {
-    int64_t now = now_ns();
+    int64_t now = view_now_ns();
     std::vector<int> due;
     for (const auto& [fd, connection] : connections_) {
         int64_t stall = connection->viewer ? connection->viewer->stall_deadline : 0;
@@ -858,7 +576,7 @@ void ViewServer::expire() {
 // Once a second at most, after viewers left: what they held goes back to
 // the system, instead of staying with the allocator.
 void ViewServer::trimMemory() {
-    int64_t now = now_ns();
+    int64_t now = view_now_ns();
     if (trim_due_ && now - trimmed_at_ >= 1'000'000'000) {
         malloc_trim(0);
         trim_due_ = false;
@@ -892,7 +610,7 @@ void ViewServer::deliver() {
     for (auto& [channel, message] : inbox) {
         shared[channel] = std::make_shared<const std::string>(std::move(message.second));
     }
-    int64_t now = now_ns();
+    int64_t now = view_now_ns();
     std::vector<int> ready;
     for (auto& [fd, connection] : connections_) {
         view_viewer_t* viewer = connection->viewer.get();
