@@ -343,7 +343,8 @@ void ViewServer::service(int fd, uint32_t events) {
             flush(connection);
             break;
         case VIEW_VIEWING:
-            if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+            // A TLS read may have waited for the socket to be writable.
+            if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) || connection.link->wants_write) {
                 receive(connection);
             }
             if (connections_.count(fd)) {
