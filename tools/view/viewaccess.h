@@ -3,7 +3,7 @@
 // Who may use the view: the origins whose pages may talk to it, the secret
 // or session cookie a request must carry, failed attempts counted per
 // address, and the connections each address holds. It knows nothing of
-// the WebSocket library: the server hands it header values, descriptors
+// the transport: the server hands it header values, descriptors
 // and addresses.
 
 #include <sys/socket.h>

@@ -2,14 +2,17 @@
 
 // The viewer's server, on one address and port, plain or over TLS: the
 // page's files at "/", and the Foxglove WebSocket protocol for the page and
-// for other viewers, on a transport of its own (HTTP/1.1, RFC 6455). Per viewer only the newest
-// message of each subscription (one per channel, shared by every viewer) and a bounded queue of
-// answers wait to be sent, so a slow viewer never slows the others or the radar; a viewer that
-// takes nothing for a few seconds, or lets its answers pile up, is disconnected. Connections are
-// capped per address and well below the descriptor limit, those that do not become viewers of this
-// protocol within a few seconds are closed, and when the viewers are many, one that does not take
-// what it subscribed to makes room for a new one. Requests from pages of other origins are refused,
-// and with a secret every request must carry it (or the cookie the page gets for it).
+// for other viewers, on a transport of its own (HTTP/1.1, RFC 6455). Per
+// viewer only the newest message of each subscription (one per channel,
+// shared by every viewer) and a bounded queue of answers wait to be sent,
+// so a slow viewer never slows the others or the radar; a viewer that
+// takes nothing for a few seconds, or lets its answers pile up, is
+// disconnected. Connections are capped per address and well below the
+// descriptor limit, those that do not become viewers of this protocol
+// within a few seconds are closed, and when the viewers are many, one that
+// does not take what it subscribed to makes room for a new one. Requests
+// from pages of other origins are refused, and with a secret every request
+// must carry it (or the cookie the page gets for it).
 
 #include "foxglove.h"
 #include "viewaccess.h"
