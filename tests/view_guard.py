@@ -383,7 +383,9 @@ def rfc(port):
             ("a long ping", Viewer.framed(9, b"x" * 126), 1002),
             ("a continuation of nothing", Viewer.framed(0, b"{}"), 1002),
             ("a close of one byte", Viewer.framed(8, b"x"), 1002),
+            ("a close code no one sends", Viewer.framed(8, struct.pack(">H", 1005)), 1002),
             ("text that is not UTF-8", Viewer.framed(1, b'"\xc0\xaf"'), 1007),
+            ("a surrogate in text", Viewer.framed(1, b'"\xed\xa0\x80"'), 1007),
             ("a message beyond the bound", Viewer.framed(1, sub(5, 65537 - len(sub(5)))), 1009),
             ("a 64-bit length beyond all", Viewer.framed(1, b"", length=2**63 - 1), 1009)]:
         bad = Viewer(port)
@@ -416,6 +418,8 @@ def rfc(port):
             fail(f"{bytes_}: answered {head}, {len(body)} bytes")
     for request, expected in [("POST / HTTP/1.1\r\nHost: x\r\n", 405), ("GET /../tools HTTP/1.1\r\nHost: x\r\n", 404),
                               ("GET / HTTP/1.1\r\n", 400), ("GET / HTTP/1.1\r\nHost : x\r\n", 400),
+                              ("GET / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n", 400),
+                              ("GET / HTTP/2.0\r\nHost: x\r\n", 505),
                               ("GET / HTTP/1.1\r\nHost: x\r\nX: " + "x" * 9000 + "\r\n", 431)]:
         sock = socket.create_connection(("127.0.0.1", port), timeout=10)
         sock.sendall((request + "\r\n").encode())
