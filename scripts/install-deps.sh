@@ -11,7 +11,7 @@ packages=(
     clang-14 libfuzzer-14-dev libclang-rt-14-dev
     python3-dbus python3-protobuf python3-pytest
     mosquitto libmosquitto-dev mosquitto-clients libssl-dev openssl
-    libzstd-dev liblz4-dev zlib1g-dev zstd lz4 libwebsockets-dev chromium
+    libzstd-dev liblz4-dev zlib1g-dev zstd lz4 chromium
     doxygen
 )
 # The tests run third-party JavaScript clients with node and npm; a machine

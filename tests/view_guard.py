@@ -4,7 +4,7 @@
 # the view must hold against. Each command prints what went wrong and exits
 # non-zero, or exits 0.
 # Usage: view_guard.py COMMAND PORT [ARGS]...
-import base64, hashlib, json, os, select, socket, ssl, struct, sys, threading, time
+import base64, hashlib, json, os, re, select, socket, ssl, struct, sys, threading, time
 
 PROTOCOL = "foxglove.websocket.v1"
 GUID = b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11"
@@ -65,19 +65,23 @@ class Viewer:
         self.channels = None
 
     @staticmethod
-    def framed(opcode, payload):
-        """A whole masked frame, as a client sends it."""
-        mask = os.urandom(4)
-        n = len(payload)
-        head = bytes([0x80 | opcode])
+    def framed(opcode, payload, first=0x80, masked=True, length=None):
+        """A frame as a client sends it: whole (FIN in `first`) and masked
+        unless told, its length in the shortest form or `length`."""
+        mask = os.urandom(4) if masked else b""
+        n = len(payload) if length is None else length
+        head = bytes([first | opcode])
+        m = 0x80 if masked else 0
         if n < 126:
-            head += bytes([0x80 | n])
+            head += bytes([m | n])
         elif n < 65536:
-            head += bytes([0x80 | 126]) + struct.pack(">H", n)
+            head += bytes([m | 126]) + struct.pack(">H", n)
         else:
-            head += bytes([0x80 | 127]) + struct.pack(">Q", n)
-        key = int.from_bytes((mask * (n // 4 + 1))[:n], "big")
-        return head + mask + (int.from_bytes(payload, "big") ^ key).to_bytes(n, "big")
+            head += bytes([m | 127]) + struct.pack(">Q", n)
+        if not masked:
+            return head + payload
+        key = int.from_bytes((mask * (len(payload) // 4 + 1))[:len(payload)], "big")
+        return head + mask + (int.from_bytes(payload, "big") ^ key).to_bytes(len(payload), "big")
 
     def send(self, opcode, payload):
         self.sock.sendall(self.framed(opcode, payload))
@@ -243,7 +247,7 @@ def flood(port, pid, requests):
 
 def hoard(port, pid, max_clients):
     """Connections that hold slots and descriptors: idle viewers, upgrades
-    without the subprotocol, and TCP connections that say nothing."""
+    without the subprotocol, and TCP connections that say nothing or trickle."""
     idle = [Viewer(port) for _ in range(max_clients)]
     for v in idle:
         v.texts_until(lambda m: m.get("op") == "advertise")
@@ -252,10 +256,16 @@ def hoard(port, pid, max_clients):
     foreign = [Viewer(port, protocol=None) for _ in range(50)]
     if any(v.status == 101 for v in foreign):
         fail("an upgrade without the subprotocol was accepted")
-    silent = [socket.create_connection(("127.0.0.1", port)) for _ in range(16 * max_clients)]
+    # One of them trickles a request that never ends, a byte at a time.
+    trickler = socket.create_connection(("127.0.0.1", port))
+    silent = [trickler] + [socket.create_connection(("127.0.0.1", port)) for _ in range(16 * max_clients)]
     peak, end = 0, time.monotonic() + 40
     while silent and time.monotonic() < end:
         peak = max(peak, descriptors(pid))
+        try:
+            trickler.send(b"X")
+        except OSError:
+            pass
         for s in select.select(silent, [], [], 0.05)[0]:
             try:
                 if s.recv(1) != b"":
@@ -293,9 +303,10 @@ def location(port):
         fail(f"a fix away from the device: {fix}")
 
 
-def get(port, headers="", host="127.0.0.1", tls=None, path="/"):
+def get(port, headers="", host="127.0.0.1", tls=None, path="/", source=None):
     """A page request's status line and headers."""
-    sock = socket.create_connection((host, port), timeout=10)
+    sock = socket.create_connection((host, port), timeout=10,
+                                    source_address=(source, 0) if source else None)
     if tls:
         sock = tls.wrap_socket(sock, server_hostname="localhost")
     sock.sendall(f"GET {path} HTTP/1.1\r\nHost: {host}:{port}\r\n{headers}\r\n".encode())
@@ -328,6 +339,92 @@ def origin(port):
             fail(f"{where}: page request answered {status}")
     if (status := Viewer(port, protocol=None).status) != 400:
         fail(f"an upgrade without the subprotocol answered {status}")
+
+
+def rfc(port):
+    """Frames and requests as RFC 6455 and HTTP/1.1 allow them are served,
+    in any pieces; those they forbid fail the connection with the close
+    code that says why, or get an HTTP status, and others are served on."""
+    other = Viewer(port)
+    other.subscribe("foxglove.SceneUpdate")
+    v = Viewer(port)
+    schemas = ["foxglove.SceneUpdate", "RadarScene.Scene", "radarscene.SceneView"] * 2
+    sub = lambda sid, pad=0: (json.dumps({"op": "subscribe", "subscriptions": [
+        {"id": sid, "channelId": v.channel(schemas[sid - 1])}]}) + " " * pad).encode()
+    # A request of 16-bit length byte by byte; one of exactly the bound in a
+    # 64-bit length; one in three fragments with a ping among them.
+    for byte in Viewer.framed(1, sub(1, 200)):
+        v.sock.send(bytes([byte]))
+    v.send(1, sub(2, 65536 - len(sub(2))))
+    request = sub(3)
+    v.sock.sendall(Viewer.framed(1, request[:5], first=0) + Viewer.framed(9, b"ping!") +
+                   Viewer.framed(0, request[5:9], first=0) + Viewer.framed(0, request[9:]))
+    seen, pong = set(), None
+    while len(seen) < 3 or not pong:
+        message = v.frame()
+        if message is None:
+            fail(f"closed with {v.close_code} '{v.close_reason}' after frames RFC 6455 allows")
+        if message[0] == 10:
+            pong = message[1]
+        elif message[0] == 2:
+            seen.add(struct.unpack("<I", message[1][1:5])[0])
+    if pong != b"ping!":
+        fail(f"a ping answered with {pong}")
+    v.close(3001)
+    while v.frame() is not None:
+        pass
+    if v.close_code != 3001:
+        fail(f"a close with 3001 answered with {v.close_code}")
+    for what, frame, expected in [
+            ("an unmasked frame", Viewer.framed(1, sub(4), masked=False), 1002),
+            ("a reserved bit", Viewer.framed(1, b"{}", first=0xC0), 1002),
+            ("an unknown opcode", Viewer.framed(3, b""), 1002),
+            ("a fragmented ping", Viewer.framed(9, b"", first=0), 1002),
+            ("a long ping", Viewer.framed(9, b"x" * 126), 1002),
+            ("a continuation of nothing", Viewer.framed(0, b"{}"), 1002),
+            ("a close of one byte", Viewer.framed(8, b"x"), 1002),
+            ("a close code no one sends", Viewer.framed(8, struct.pack(">H", 1005)), 1002),
+            ("text that is not UTF-8", Viewer.framed(1, b'"\xc0\xaf"'), 1007),
+            ("a surrogate in text", Viewer.framed(1, b'"\xed\xa0\x80"'), 1007),
+            ("a message beyond the bound", Viewer.framed(1, sub(5, 65537 - len(sub(5)))), 1009),
+            ("a 64-bit length beyond all", Viewer.framed(1, b"", length=2**63 - 1), 1009)]:
+        bad = Viewer(port)
+        bad.channel("foxglove.SceneUpdate")
+        bad.sock.sendall(frame)
+        while bad.frame() is not None:
+            pass
+        if bad.close_code != expected:
+            fail(f"{what}: closed with {bad.close_code}, not {expected}")
+    if other.data() is None:
+        fail("the others are no longer served")
+    # HTTP: a request in pieces, a head, pipelined requests, what is refused.
+    for bytes_, expected in [
+            (b"GET /view.js HTTP/1.1\r\nHo", b"st: x\r\n\r\n"),
+            (b"HEAD / HTTP/1.1\r\nHost: x\r\n\r\n", None),
+            (b"GET / HTTP/1.1\r\nHost: x\r\n\r\nGET /view.css HTTP/1.1\r\nHost: x\r\n\r\n", None)]:
+        sock = socket.create_connection(("127.0.0.1", port), timeout=10)
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        sock.sendall(bytes_)
+        if expected:
+            time.sleep(0.2)
+            sock.sendall(expected)
+        answer = b""
+        while chunk := sock.recv(65536):
+            answer += chunk
+        head, _, body = answer.partition(b"\r\n\r\n")
+        length = int(re.search(rb"Content-Length: (\d+)", head).group(1))
+        if answer.count(b"HTTP/1.1 200") != 1 or (b"HEAD" in bytes_) != (body == b"") or \
+                (len(body) != length and body) or (b".js" in bytes_) != (b"text/javascript" in head):
+            fail(f"{bytes_}: answered {head}, {len(body)} bytes")
+    for request, expected in [("POST / HTTP/1.1\r\nHost: x\r\n", 405), ("GET /../tools HTTP/1.1\r\nHost: x\r\n", 404),
+                              ("GET / HTTP/1.1\r\n", 400), ("GET / HTTP/1.1\r\nHost : x\r\n", 400),
+                              ("GET / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n", 400),
+                              ("GET / HTTP/2.0\r\nHost: x\r\n", 505),
+                              ("GET / HTTP/1.1\r\nHost: x\r\nX: " + "x" * 9000 + "\r\n", 431)]:
+        sock = socket.create_connection(("127.0.0.1", port), timeout=10)
+        sock.sendall((request + "\r\n").encode())
+        if not sock.recv(4096).startswith(f"HTTP/1.1 {expected} ".encode()):
+            fail(f"{request[:40]}... is not answered {expected}")
 
 
 def attacker(kind, port, stop):
@@ -492,6 +589,20 @@ def secret(port, ca, secret_file):
         fail(f"the right secret after the failures: {status}")
     if (status := Viewer(port, tls=tls, source="127.0.0.2", path=f"/?token={right}").status) != 101:
         fail(f"another address after the failures: {status}")
+    # A handshake cut short is closed in its time, without a word; plain
+    # HTTP on the TLS port fails its handshake.
+    half = socket.create_connection(("127.0.0.1", port), timeout=15)
+    half.sendall(b"\x16\x03\x01\x02\x00\x01\x00")
+    for _ in range(200):
+        if get(port, source="127.0.0.3")[0] != 0:
+            fail("plain HTTP answered on the TLS port")
+    try:
+        if half.recv(1) != b"":
+            fail("a handshake cut short is answered")
+    except socket.timeout:
+        fail("a handshake cut short is kept")
+    except ConnectionError:
+        pass
 
 
 base_fds = [0]
@@ -520,9 +631,11 @@ if __name__ == "__main__":
         print(f"alone: real viewer {real_viewer(port, 3):.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
               f"{descriptors(int(sys.argv[3]))} descriptors")
     elif command == "headers":
-        # Requests whose headers the library has no room for, one at a time.
-        for _ in range(int(sys.argv[3])):
-            get(port, "X-Filler: " + "x" * 9000 + "\r\n")
+        # Requests whose headers are beyond the bound, one at a time.
+        statuses = {get(port, "X-Filler: " + "x" * 9000 + "\r\n")[0] for _ in range(int(sys.argv[3]))}
+        sys.exit(0 if statuses == {431} else f"requests of 9 KB headers answered {statuses}")
+    elif command == "rfc":
+        rfc(port)
     elif command == "unknown-delay":
         v = Viewer(port)
         v.subscribe("radarscene.SceneView")

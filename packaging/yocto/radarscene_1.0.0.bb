@@ -13,7 +13,7 @@ S = "${WORKDIR}/git"
 # The device's own broker client and access-policy libraries are linked
 # instead of the development stand-ins.
 DEPENDS = "sdbus-c++ sdbus-c++-tools-native protobuf protobuf-native \
-           nlohmann-json systemd zstd lz4 zlib libwebsockets permo2 tessel-os-varro"
+           nlohmann-json systemd zstd lz4 zlib openssl permo2 tessel-os-varro"
 
 inherit cmake pkgconfig python3-dir
 

@@ -2,6 +2,8 @@
 // address.
 #include "viewaccess.h"
 
+#include "httpmessage.h"
+
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <unistd.h>
@@ -12,13 +14,6 @@
 namespace {
 
 constexpr size_t MAX_FAILING_ADDRESSES = 1024;
-
-std::string lower(std::string_view text) {
-    std::string out(text);
-    std::transform(out.begin(), out.end(), out.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return out;
-}
 
 std::string host_part(const std::string& host) {
     return host.find(':') != std::string::npos ? "[" + host + "]" : host;
@@ -74,13 +69,13 @@ void view_access_add_own_origins(view_access_t& access, const std::string& schem
     for (const std::string& host : hosts) {
         if (!host.empty()) {
             access.origins.insert(
-                lower(scheme + "://" + host_part(host) + ":" + std::to_string(port)));
+                http_lower(scheme + "://" + host_part(host) + ":" + std::to_string(port)));
         }
     }
 }
 
 bool view_access_origin_allowed(const view_access_t& access, std::string_view origin) {
-    return access.origins.count(lower(origin)) > 0;
+    return access.origins.count(http_lower(origin)) > 0;
 }
 
 bool view_access_secret_matches(const view_access_t& access, std::string_view given) {
@@ -168,4 +163,8 @@ bool view_access_admit_peer(view_access_t& access, int fd) {
     }
     access.peers[fd] = peer;
     return true;
+}
+
+void view_access_release_peer(view_access_t& access, int fd) {
+    access.peers.erase(fd);
 }

@@ -3,7 +3,7 @@
 // Who may use the view: the origins whose pages may talk to it, the secret
 // or session cookie a request must carry, failed attempts counted per
 // address, and the connections each address holds. It knows nothing of
-// the WebSocket library: the server hands it header values, descriptors
+// the transport: the server hands it header values, descriptors
 // and addresses.
 
 #include <sys/socket.h>
@@ -48,5 +48,7 @@ void view_access_failed(view_access_t& access, const std::string& address, int64
 // Takes a new connection on `fd`, or false when its address holds its
 // share of connections already.
 bool view_access_admit_peer(view_access_t& access, int fd);
+// Gives up the share of a connection that is on its way out.
+void view_access_release_peer(view_access_t& access, int fd);
 // The numeric address of a peer, without its port.
 std::string view_access_host(const sockaddr_storage& peer);

@@ -1,81 +1,43 @@
-// The viewer's server on libwebsockets.
+// The viewer's server: its connections on one epoll loop, and what goes
+// out to them.
 #include "viewserver.h"
 
 #include "common/log.h"
-
-#include <libwebsockets.h>
+#include "httpmessage.h"
+#include "viewconnection.h"
+#include "wsframe.h"
 
 #include <malloc.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <deque>
 #include <set>
 #include <stdexcept>
 #include <tuple>
 
 namespace {
 
-// What a viewer may send in one message; how long what waits for it may go
-// unsent, and how many bytes of answers and statuses may wait, before it is
-// disconnected.
-constexpr size_t MAX_CLIENT_MESSAGE = 64 * 1024;
-constexpr int MAX_STALL_S = 3;
-constexpr size_t MAX_QUEUED_TEXT = 256 * 1024;
-// Messages go out in fragments that a writable socket takes whole: the
-// library answers a viewer's close only when it holds no part of a frame.
-constexpr size_t FRAGMENT = 8 * 1024;
-// The kernel's send buffer of a viewer's socket: room for a few scenes.
-constexpr int VIEWER_SEND_BUFFER = 256 * 1024;
-// How long a connection may take to become a viewer, and how many
-// connections (pages, upgrades) there may be per viewer allowed.
-constexpr unsigned HANDSHAKE_TIMEOUT_S = 5;
+// How long what waits for a viewer may go unsent before it is disconnected.
+constexpr int64_t MAX_STALL_NS = 3'000'000'000;
+// How long a connection that is done may take to see our last bytes and
+// close, and how many connections (pages, upgrades) there may be per viewer
+// allowed.
+constexpr int64_t LINGER_NS = 2'000'000'000;
 constexpr size_t CONNECTIONS_PER_VIEWER = 4;
-// A viewer that took at least as many of its messages as were replaced
-// unsent within this and the window before reads what it asked for and
-// keeps its place.
-constexpr int64_t READING_WINDOW_NS = 2'000'000'000;
-// Descriptors kept for everything else: listening, the cancel pipe, the bus,
-// the scene stream, the page's files.
+// Descriptors kept for everything else: listening, the loop, the bus, the
+// scene stream, the page's files.
 constexpr size_t SPARE_DESCRIPTORS = 32;
-
-int on_event(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len) {
-    auto* server = static_cast<ViewServer*>(lws_context_user(lws_get_context(wsi)));
-    return server->callback(wsi, reason, user, in, len);
-}
-
-// Connections, files, and WebSocket upgrades before they reach a protocol.
-int on_http(lws* wsi, lws_callback_reasons reason, void* user, void* in, size_t len) {
-    auto* server = static_cast<ViewServer*>(lws_context_user(lws_get_context(wsi)));
-    return server->httpCallback(wsi, reason, user, in, len);
-}
-
-const lws_protocols PROTOCOLS[] = {
-    {"http", on_http, 0, 0, 0, nullptr, 0},
-    {"foxglove.websocket.v1", on_event, sizeof(void*), MAX_CLIENT_MESSAGE, 0, nullptr, 0},
-    {nullptr, nullptr, 0, 0, 0, nullptr, 0}};
-
-// The library's lines go through the log's limiter: a client can make it
-// write one per request.
-void log_line(int, const char* line) {
-    size_t n = strlen(line);
-    while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) {
-        --n;
-    }
-    log_error("radarscene-view: libwebsockets: %.*s", static_cast<int>(n), line);
-}
-
-int64_t now_ns() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+// Bytes written to one connection at a time.
+constexpr size_t WRITE_CHUNK = 64 * 1024;
 
 bool loopback(const sockaddr_storage& address) {
     if (address.ss_family == AF_INET) {
@@ -83,25 +45,6 @@ bool loopback(const sockaddr_storage& address) {
         return (ntohl(in->sin_addr.s_addr) >> 24) == 127;
     }
     return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(&address)->sin6_addr);
-}
-
-// A header's value, cut at `max` bytes; empty when absent.
-std::string header(lws* wsi, lws_token_indexes token, size_t max = 1024) {
-    int n = lws_hdr_total_length(wsi, token);
-    if (n <= 0 || static_cast<size_t>(n) > max) {
-        return {};
-    }
-    std::string value(static_cast<size_t>(n) + 1, '\0');
-    n = lws_hdr_copy(wsi, value.data(), static_cast<int>(value.size()), token);
-    value.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return value;
-}
-
-std::string peer_host(lws* wsi) {
-    sockaddr_storage peer{};
-    socklen_t length = sizeof peer;
-    getpeername(lws_get_socket_fd(wsi), reinterpret_cast<sockaddr*>(&peer), &length);
-    return view_access_host(peer);
 }
 
 std::string random_hex(size_t bytes) {
@@ -124,9 +67,10 @@ std::string endpoint(const std::string& address, int port) {
     return (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
 }
 
-// The numeric address that `address` names, checked by binding a socket to
-// it; throws a line naming the address when it cannot be listened on.
-sockaddr_storage listen_address(const std::string& address, int port, std::string& literal) {
+// A socket bound to the numeric address that `address` names, and that
+// literal; throws a line naming the address when it cannot be listened on.
+int listen_socket(const std::string& address, int port, sockaddr_storage& chosen,
+                  std::string& literal) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
@@ -135,31 +79,45 @@ sockaddr_storage listen_address(const std::string& address, int port, std::strin
     if (int r = getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found)) {
         throw std::runtime_error(where + gai_strerror(r));
     }
-    sockaddr_storage chosen{};
     memcpy(&chosen, found->ai_addr, found->ai_addrlen);
-    if (chosen.ss_family == AF_INET6 &&
-        IN6_IS_ADDR_V4MAPPED(&reinterpret_cast<sockaddr_in6*>(&chosen)->sin6_addr)) {
-        freeaddrinfo(found);
-        throw std::runtime_error(where + "an IPv4-mapped address; give the IPv4 address itself");
-    }
     socklen_t length = found->ai_addrlen;
     freeaddrinfo(found);
+    if (chosen.ss_family == AF_INET6 &&
+        IN6_IS_ADDR_V4MAPPED(&reinterpret_cast<sockaddr_in6*>(&chosen)->sin6_addr)) {
+        throw std::runtime_error(where + "an IPv4-mapped address; give the IPv4 address itself");
+    }
     char host[NI_MAXHOST];
     getnameinfo(reinterpret_cast<sockaddr*>(&chosen), length, host, sizeof host, nullptr, 0,
                 NI_NUMERICHOST);
     literal = host;
-    int fd = socket(chosen.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = socket(chosen.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&chosen), length) == 0;
-    int error = errno;
-    if (fd >= 0) {
-        close(fd);
+    // An IPv6 address, "::" included, takes no IPv4 connections.
+    if (chosen.ss_family == AF_INET6) {
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
     }
-    if (!bound) {
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&chosen), length) != 0) {
+        int error = errno;
+        if (fd >= 0) {
+            close(fd);
+        }
         throw std::runtime_error(where + strerror(error));
     }
-    return chosen;
+    return fd;
+}
+
+std::string peer_host(int fd) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length);
+    return view_access_host(peer);
+}
+
+void wake(int fd) {
+    uint64_t one = 1;
+    ssize_t ignored = write(fd, &one, sizeof one);
+    (void)ignored;  // a full counter wakes the loop as well
 }
 
 // Connections served at once: a few per viewer, and always well below the
@@ -175,163 +133,6 @@ unsigned connection_limit(size_t max_clients) {
 
 }  // namespace
 
-// A message waiting for a viewer: its own head (a text message, or the
-// header of a message-data frame) and the payload it shares with every
-// other viewer of the channel.
-struct message_t {
-    std::string head;
-    std::shared_ptr<const std::string> body;
-    size_t size() const { return head.size() + (body ? body->size() : 0); }
-    // Copies `n` bytes from `at` to `to`.
-    void copy(size_t at, size_t n, unsigned char* to) const {
-        size_t from_head = at < head.size() ? std::min(n, head.size() - at) : 0;
-        memcpy(to, head.data() + at, from_head);
-        if (n > from_head) {
-            memcpy(to + from_head, body->data() + (at + from_head - head.size()), n - from_head);
-        }
-    }
-};
-
-struct ViewServer::viewer_t {
-    lws* wsi = nullptr;
-    FoxgloveSession session;
-    message_t out;  // the message going out, `out_at` bytes of it sent
-    size_t out_at = 0;
-    lws_write_protocol out_kind = LWS_WRITE_TEXT;
-    std::deque<std::string> text;        // in order: info, channels, statuses
-    size_t text_bytes = 0;               // in `text`
-    std::map<uint32_t, message_t> data;  // subscription -> its newest message
-    std::string rx;                      // a text message arriving in fragments
-    bool binary_refused = false;
-    bool stall_timer = false;  // a timeout runs while something waits unsent
-    bool dropped = false;      // being disconnected at once
-    bool closing = false;      // close once the text is out, with this status and reason
-    uint64_t serial = 0;       // in the order of arrival
-    int64_t connected_at = 0;
-    std::string host;  // its address
-    lws_close_status close_status = LWS_CLOSE_STATUS_NORMAL;
-    std::string close_reason;
-    // Whether it takes what it subscribed to: messages taken whole and
-    // messages replaced unsent, in the current window and the one before.
-    int64_t window_at = 0;
-    unsigned taken[2] = {0, 0};
-    unsigned replaced[2] = {0, 0};
-};
-
-namespace {
-
-// Starts a new window of the reading tally when the current one is over.
-void roll_tally(ViewServer::viewer_t& viewer, int64_t now) {
-    if (now - viewer.window_at < READING_WINDOW_NS) {
-        return;
-    }
-    bool adjacent = now - viewer.window_at < 2 * READING_WINDOW_NS;
-    viewer.taken[1] = adjacent ? viewer.taken[0] : 0;
-    viewer.replaced[1] = adjacent ? viewer.replaced[0] : 0;
-    viewer.taken[0] = viewer.replaced[0] = 0;
-    viewer.window_at = now;
-}
-
-// How much a viewer's place is worth: 0 subscribes to nothing, 1 subscribes
-// but does not take what it is sent (or is sent nothing), 2 reads: it took
-// at least as many of its messages as were replaced unsent, and took some or
-// has its first on the way.
-int standing(ViewServer::viewer_t& viewer, int64_t now) {
-    if (viewer.session.empty()) {
-        return 0;
-    }
-    roll_tally(viewer, now);
-    unsigned taken = viewer.taken[0] + viewer.taken[1];
-    bool sending = !viewer.data.empty() ||
-                   (viewer.out_kind == LWS_WRITE_BINARY && viewer.out_at < viewer.out.size());
-    return viewer.replaced[0] + viewer.replaced[1] <= taken && (taken > 0 || sending) ? 2 : 1;
-}
-
-bool waiting(const ViewServer::viewer_t& viewer) {
-    return viewer.out_at < viewer.out.size() || !viewer.text.empty() ||
-           (!viewer.data.empty() && !viewer.closing);
-}
-
-// Takes the next message to send, text first; false when none waits.
-bool next_message(ViewServer::viewer_t& viewer) {
-    viewer.out_at = 0;
-    if (!viewer.text.empty()) {
-        viewer.out = {std::move(viewer.text.front()), nullptr};
-        viewer.text.pop_front();
-        viewer.text_bytes -= viewer.out.head.size();
-        viewer.out_kind = LWS_WRITE_TEXT;
-    } else if (!viewer.data.empty() && !viewer.closing) {
-        viewer.out = std::move(viewer.data.begin()->second);
-        viewer.data.erase(viewer.data.begin());
-        viewer.out_kind = LWS_WRITE_BINARY;
-    } else {
-        viewer.out = {};
-        return false;
-    }
-    return true;
-}
-
-// Starts or stops the stall timeout as something waits or not: a viewer that
-// takes nothing of what waits for MAX_STALL_S is disconnected. `progress`
-// restarts a running timeout.
-void watch_stall(ViewServer::viewer_t& viewer, bool progress) {
-    if (viewer.dropped) {
-        return;
-    }
-    bool wait = waiting(viewer) || viewer.closing;
-    if (wait && (progress || !viewer.stall_timer)) {
-        lws_set_timeout(viewer.wsi, PENDING_TIMEOUT_USER_OK, MAX_STALL_S);
-    } else if (!wait && viewer.stall_timer) {
-        lws_set_timeout(viewer.wsi, NO_PENDING_TIMEOUT, 0);
-    }
-    viewer.stall_timer = wait;
-}
-
-// Asks to write what waits.
-void want_write(ViewServer::viewer_t& viewer) {
-    watch_stall(viewer, false);
-    if (!viewer.dropped && (waiting(viewer) || viewer.closing)) {
-        lws_callback_on_writable(viewer.wsi);
-    }
-}
-
-// Closes with `code` and `reason` once what is being sent is out.
-void close_after(ViewServer::viewer_t& viewer, lws_close_status code, const std::string& reason) {
-    viewer.data.clear();
-    viewer.closing = true;
-    viewer.close_status = code;
-    viewer.close_reason = reason;
-    want_write(viewer);
-}
-
-// Queues an answer; a viewer whose answers pile up beyond the bound loses
-// them and is closed with a reason.
-void queue_text(ViewServer::viewer_t& viewer, std::string message) {
-    if (viewer.closing) {
-        return;
-    }
-    viewer.text_bytes += message.size();
-    viewer.text.push_back(std::move(message));
-    if (viewer.text_bytes > MAX_QUEUED_TEXT) {
-        viewer.text.clear();
-        viewer.text_bytes = 0;
-        // What it sends meanwhile would keep the close frame from going out.
-        lws_rx_flow_control(viewer.wsi, 0);
-        close_after(viewer, LWS_CLOSE_STATUS_POLICY_VIOLATION,
-                    "too many answers waiting to be read");
-    }
-}
-
-// Sends `reason` as an error status, the last message, then closes with
-// `code` and it.
-void close_with(ViewServer::viewer_t& viewer, lws_close_status code, const std::string& reason) {
-    viewer.data.clear();
-    queue_text(viewer, foxglove_status(FOXGLOVE_ERROR, reason));
-    close_after(viewer, code, reason);
-}
-
-}  // namespace
-
 ViewServer::ViewServer(const view_server_options_t& options,
                        std::vector<foxglove_channel_t> channels)
     : options_(options), channels_(std::move(channels)) {
@@ -339,69 +140,56 @@ ViewServer::ViewServer(const view_server_options_t& options,
         channel_ids_.push_back(c.id);
         wanted_[c.id] = false;
     }
-    lws_set_log_level(LLL_ERR, log_line);
     if (::access((options_.web_root + "/index.html").c_str(), R_OK) != 0) {
         throw std::runtime_error("no page in " + options_.web_root +
                                  ": index.html: " + strerror(errno));
     }
-    scratch_.resize(LWS_PRE + FRAGMENT);
-    mount_ = std::make_unique<lws_http_mount>();
-    mount_->mountpoint = "/";
-    mount_->mountpoint_len = 1;
-    mount_->origin = options_.web_root.c_str();
-    mount_->def = "index.html";
-    mount_->origin_protocol = LWSMPRO_FILE;
-    mount_->protocol = "http";  // which adds the cookie to the page
-    sockaddr_storage address = listen_address(options_.address, options_.port, address_);
+    sockaddr_storage address{};
+    listen_fd_ = listen_socket(options_.address, options_.port, address, address_);
     bool tls = !options_.tls_cert.empty();
-    if (!loopback(address) && !options_.insecure_listener && (!tls || options_.secret.empty())) {
-        std::string missing = !tls ? "TLS (--tls-cert and --tls-key)" : "";
-        if (options_.secret.empty()) {
-            missing += std::string(missing.empty() ? "" : " and ") + "a secret (--secret-file)";
+    try {
+        if (!loopback(address) && !options_.insecure_listener &&
+            (!tls || options_.secret.empty())) {
+            std::string missing = !tls ? "TLS (--tls-cert and --tls-key)" : "";
+            if (options_.secret.empty()) {
+                missing += std::string(missing.empty() ? "" : " and ") + "a secret (--secret-file)";
+            }
+            throw std::runtime_error("listening on " + endpoint(address_, options_.port) +
+                                     ", beyond the loopback address, needs " + missing +
+                                     ", or --insecure-listener");
         }
-        throw std::runtime_error("listening on " + endpoint(address_, options_.port) +
-                                 ", beyond the loopback address, needs " + missing +
-                                 ", or --insecure-listener");
-    }
-    for (const std::string& file : {options_.tls_cert, options_.tls_key}) {
-        if (!file.empty() && ::access(file.c_str(), R_OK) != 0) {
-            throw std::runtime_error("cannot read " + file + ": " + strerror(errno));
+        if (tls) {
+            tls_ = view_tls_create(options_.tls_cert, options_.tls_key);
         }
+        epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+        wake_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (epoll_fd_ < 0 || wake_fd_ < 0 || listen(listen_fd_, SOMAXCONN) != 0) {
+            throw std::runtime_error("cannot listen on " + endpoint(address_, options_.port) +
+                                     ": " + strerror(errno));
+        }
+    } catch (...) {
+        for (int fd : {listen_fd_, epoll_fd_, wake_fd_}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+        throw;
     }
+    for (int fd : {listen_fd_, wake_fd_}) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
+    }
+    sockaddr_storage bound{};
+    socklen_t length = sizeof bound;
+    getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&bound), &length);
+    port_ = ntohs(bound.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&bound)->sin_port
+                                             : reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port);
+    max_connections_ = connection_limit(options_.max_clients);
     access_.secret = options_.secret;
     access_.session = random_hex(32);
     access_.max_per_address = options_.max_per_address;
-    lws_context_creation_info info{};
-    info.port = options_.port;
-    info.iface = address_.c_str();
-    info.protocols = PROTOCOLS;
-    info.mounts = mount_.get();
-    info.user = this;
-    info.options = LWS_SERVER_OPTION_VALIDATE_UTF8;
-    // An IPv4 address needs an IPv4 socket; an IPv6 one, "::" included,
-    // takes no IPv4 connections.
-    info.options |= address.ss_family == AF_INET ? LWS_SERVER_OPTION_DISABLE_IPV6
-                                                 : LWS_SERVER_OPTION_IPV6_V6ONLY_MODIFY |
-                                                       LWS_SERVER_OPTION_IPV6_V6ONLY_VALUE;
-    if (tls) {
-        info.options |= LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT;
-        info.ssl_cert_filepath = options_.tls_cert.c_str();
-        info.ssl_private_key_filepath = options_.tls_key.c_str();
-    }
-    // Connections that say nothing, and idle ones between requests, end
-    // after the handshake's time.
-    info.timeout_secs = HANDSHAKE_TIMEOUT_S;
-    info.timeout_secs_ah_idle = HANDSHAKE_TIMEOUT_S;
-    info.keepalive_timeout = HANDSHAKE_TIMEOUT_S;
-    info.fd_limit_per_thread = connection_limit(options_.max_clients);
-    context_ = lws_create_context(&info);
-    if (!context_) {
-        throw std::runtime_error(
-            "cannot listen on " + endpoint(address_, options_.port) +
-            (tls ? " with the certificate " + options_.tls_cert + " and the key " + options_.tls_key
-                 : ""));
-    }
-    port_ = lws_get_vhost_listen_port(lws_get_vhost_by_name(context_, "default"));
     view_access_add_own_origins(access_, scheme(), options_.address, address_, port_);
     for (const std::string& origin : options_.allowed_origins) {
         access_.origins.insert(origin);
@@ -409,7 +197,10 @@ ViewServer::ViewServer(const view_server_options_t& options,
 }
 
 ViewServer::~ViewServer() {
-    lws_context_destroy(context_);
+    connections_.clear();
+    for (int fd : {listen_fd_, epoll_fd_, wake_fd_}) {
+        close(fd);
+    }
 }
 
 void ViewServer::publish(uint32_t channel, uint64_t timestamp_ns, std::string payload) {
@@ -417,7 +208,7 @@ void ViewServer::publish(uint32_t channel, uint64_t timestamp_ns, std::string pa
         std::lock_guard lock(inbox_mutex_);
         inbox_[channel] = {timestamp_ns, std::move(payload)};
     }
-    lws_cancel_service(context_);
+    wake(wake_fd_);
 }
 
 void ViewServer::broadcast(foxglove_status_level_t level, const std::string& message) {
@@ -426,7 +217,7 @@ void ViewServer::broadcast(foxglove_status_level_t level, const std::string& mes
         statuses_.push_back(foxglove_status(level, message));
         inbox_condition_ = statuses_.back();
     }
-    lws_cancel_service(context_);
+    wake(wake_fd_);
 }
 
 bool ViewServer::wanted(uint32_t channel) const {
@@ -434,17 +225,360 @@ bool ViewServer::wanted(uint32_t channel) const {
     return it != wanted_.end() && it->second;
 }
 
+void ViewServer::stop() {
+    stopping_ = true;
+    wake(wake_fd_);
+}
+
 void ViewServer::run() {
-    while (!stopping_ && lws_service(context_, 0) >= 0) {
+    epoll_event events[64];
+    while (!stopping_) {
+        // TLS may hold bytes it read that epoll cannot tell of.
+        bool pending = std::any_of(connections_.begin(), connections_.end(), [](const auto& c) {
+            return c.second->phase == VIEW_VIEWING && !c.second->viewer->closing &&
+                   view_link_pending(*c.second->link);
+        });
+        int64_t now = view_now_ns();
+        int64_t next = now + 1'000'000'000;
+        for (const auto& [fd, connection] : connections_) {
+            for (int64_t at : {connection->deadline,
+                               connection->viewer ? connection->viewer->stall_deadline : 0}) {
+                next = at ? std::min(next, at) : next;
+            }
+        }
+        int timeout =
+            pending ? 0 : static_cast<int>(std::max<int64_t>(0, next - now) / 1'000'000 + 1);
+        int n = epoll_wait(epoll_fd_, events, 64, timeout);
+        for (int i = 0; i < n; ++i) {
+            int fd = events[i].data.fd;
+            if (fd == listen_fd_) {
+                accept();
+            } else if (fd == wake_fd_) {
+                uint64_t count;
+                while (read(wake_fd_, &count, sizeof count) > 0) {
+                }
+                deliver();
+            } else {
+                service(fd, events[i].events);
+            }
+        }
+        if (pending) {
+            std::vector<int> again;
+            for (const auto& [fd, connection] : connections_) {
+                if (connection->phase == VIEW_VIEWING && view_link_pending(*connection->link)) {
+                    again.push_back(fd);
+                }
+            }
+            for (int fd : again) {
+                service(fd, EPOLLIN);
+            }
+        }
+        expire();
         trimMemory();
         log_report_suppressed();
+    }
+}
+
+// Takes the connections waiting, as long as there is room for them; an
+// address that holds its share already is closed at once.
+void ViewServer::accept() {
+    while (connections_.size() < max_connections_) {
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            return;
+        }
+        if (!view_access_admit_peer(access_, fd)) {
+            // What it sent already is read first: closing on unread bytes
+            // would reset the connection instead of ending it.
+            char scratch[HTTP_MAX_REQUEST_HEAD];
+            for (size_t i = 0; i < 2 && recv(fd, scratch, sizeof scratch, 0) > 0; ++i) {
+            }
+            close(fd);
+            continue;
+        }
+        auto connection = std::make_unique<connection_t>();
+        connection->link = view_link_create(fd, tls_.get());
+        if (!connection->link) {
+            close(fd);
+            continue;
+        }
+        connection->host = peer_host(fd);
+        connection->deadline = view_now_ns() + VIEW_HANDSHAKE_TIMEOUT_NS;
+        epoll_event event{};
+        event.events = connection->events = EPOLLIN;
+        event.data.fd = fd;
+        epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
+        connections_[fd] = std::move(connection);
+    }
+    // Full: the rest wait in the listening queue until a connection ends.
+    if (accepting_) {
+        epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, listen_fd_, nullptr);
+        accepting_ = false;
+    }
+}
+
+void ViewServer::service(int fd, uint32_t events) {
+    auto it = connections_.find(fd);
+    if (it == connections_.end()) {
+        return;
+    }
+    connection_t& connection = *it->second;
+    switch (connection.phase) {
+        case VIEW_HANDSHAKING: {
+            std::string error;
+            int result = view_link_handshake(*connection.link, error);
+            if (result < 0) {
+                // Without the peer's address: lines that differ in more
+                // than digits (IPv6 addresses) would each pass the limiter.
+                log_warning("radarscene-view: a TLS handshake failed: %s", error.c_str());
+                drop(fd);
+                return;
+            }
+            if (result > 0) {
+                readRequest(connection);
+            }
+            break;
+        }
+        case VIEW_RESPONDING:
+            flush(connection);
+            break;
+        case VIEW_VIEWING:
+            // A TLS read may have waited for the socket to be writable.
+            if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) || connection.link->wants_write) {
+                receive(connection);
+            }
+            if (connections_.count(fd)) {
+                flush(connection);
+            }
+            break;
+        case VIEW_LINGERING: {
+            // Whatever the peer still sends is dropped until it closes.
+            char scratch[VIEW_READ_CHUNK];
+            ssize_t n = 0;
+            for (size_t i = 0;
+                 i < VIEW_READS_PER_TURN && (n = recv(fd, scratch, sizeof scratch, 0)) > 0; ++i) {
+            }
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+                drop(fd);
+                return;
+            }
+            break;
+        }
+    }
+    if (connections_.count(fd)) {
+        watch(connection);
+    }
+}
+
+// A new viewer beyond the limit takes the place of one that subscribes to
+// nothing, or else of one that does not take what it subscribed to; among
+// those, of one from the address with the most viewers, the oldest first.
+// A viewer that reads is never replaced, but for one too young to have
+// shown it from an address with more viewers than the new one's: one
+// peer's connections, coming and going, must not keep every place young.
+// When none may go, the new one is refused.
+void ViewServer::admit(view_viewer_t& viewer) {
+    int64_t now = view_now_ns();
+    std::vector<view_viewer_t*> others;
+    std::map<std::string, size_t> per_address;
+    for (const auto& [fd, connection] : connections_) {
+        view_viewer_t* other = connection->viewer.get();
+        if (other && other != &viewer && !other->closing) {
+            others.push_back(other);
+            ++per_address[other->host];
+        }
+    }
+    size_t mine = per_address[viewer.host];
+    view_viewer_t* weakest = nullptr;
+    std::tuple<int, int64_t, uint64_t> weakest_rank{3, 0, 0};
+    for (view_viewer_t* other : others) {
+        // One that just came has its moment to subscribe.
+        int s = view_viewer_standing(*other, now);
+        bool young = now - other->connected_at < VIEW_READING_WINDOW_NS;
+        s = s == 0 && now - other->connected_at < VIEW_READING_WINDOW_NS / 2 ? 1 : s;
+        std::tuple<int, int64_t, uint64_t> rank{s, -static_cast<int64_t>(per_address[other->host]),
+                                                other->serial};
+        bool may_go = s < 2 || (young && per_address[other->host] > mine);
+        if (may_go && (!weakest || rank < weakest_rank)) {
+            weakest = other;
+            weakest_rank = rank;
+        }
+    }
+    if (others.size() >= options_.max_clients && !weakest) {
+        view_viewer_close_with(viewer, WS_POLICY_VIOLATION,
+                               "too many viewers (" + std::to_string(options_.max_clients) + ")");
+        return;
+    }
+    if (others.size() >= options_.max_clients) {
+        view_viewer_close_with(
+            *weakest, WS_POLICY_VIOLATION,
+            weakest->session.empty()
+                ? "a newer viewer took the place of this one, which subscribed to nothing"
+            : std::get<0>(weakest_rank) < 2
+                ? "a newer viewer took the place of this one, which did not take what it "
+                  "subscribed to"
+                : "a viewer from an address with fewer viewers took the place of this new one");
+        for (const auto& [fd, connection] : connections_) {
+            if (connection->viewer.get() == weakest) {
+                watch(*connection);
+            }
+        }
+    }
+    view_viewer_queue_text(viewer, foxglove_server_info("radarscene-view"));
+    view_viewer_queue_text(viewer, foxglove_advertise(channels_));
+    if (!condition_.empty()) {
+        view_viewer_queue_text(viewer, condition_);
+    }
+}
+
+// Writes what waits while the socket takes it: an HTTP response, or a
+// viewer's frames. Once the last is out, the connection lingers.
+void ViewServer::flush(connection_t& connection) {
+    int fd = connection.link->fd;
+    view_viewer_t* viewer = connection.viewer.get();
+    bool progress = false;
+    while (true) {
+        const char* from = nullptr;
+        size_t n = 0;
+        if (connection.phase == VIEW_RESPONDING) {
+            from = connection.out.data() + connection.out_at;
+            n = connection.out.size() - connection.out_at;
+        } else if (connection.phase == VIEW_VIEWING) {
+            if (viewer->out_at == viewer->out.size()) {
+                if (viewer->close_queued) {
+                    finish(connection);
+                    return;
+                }
+                if (!view_viewer_next(*viewer)) {
+                    break;
+                }
+            }
+            const view_message_t& out = viewer->out;
+            size_t head = out.head.size();
+            from = viewer->out_at < head ? out.head.data() + viewer->out_at
+                                         : out.body->data() + (viewer->out_at - head);
+            n = viewer->out_at < head ? head - viewer->out_at : out.size() - viewer->out_at;
+        } else {
+            return;
+        }
+        if (n == 0) {
+            finish(connection);
+            return;
+        }
+        ssize_t sent = view_link_write(*connection.link, from, std::min(n, WRITE_CHUNK));
+        if (sent < 0) {
+            drop(fd);
+            return;
+        }
+        if (sent == 0) {
+            break;
+        }
+        progress = true;
+        if (connection.phase == VIEW_RESPONDING) {
+            connection.out_at += static_cast<size_t>(sent);
+            continue;
+        }
+        viewer->out_at += static_cast<size_t>(sent);
+        if (viewer->out_at == viewer->out.size()) {
+            view_viewer_sent(*viewer, view_now_ns());
+        }
+    }
+    if (viewer) {
+        // A viewer that takes nothing of what waits for MAX_STALL_NS is
+        // disconnected.
+        bool waiting = view_viewer_waiting(*viewer);
+        if (waiting && (progress || !viewer->stall_deadline)) {
+            viewer->stall_deadline = view_now_ns() + MAX_STALL_NS;
+        } else if (!waiting) {
+            viewer->stall_deadline = 0;
+        }
+    }
+    watch(connection);
+}
+
+// Our last bytes are out: the peer sees the end, and what it still sends
+// is dropped until it closes or its time is up (closing on bytes unread
+// would reset the connection, and the peer could lose our last ones).
+void ViewServer::finish(connection_t& connection) {
+    view_link_shutdown(*connection.link);
+    // Its address may make new connections meanwhile: this one is bounded
+    // by its time and by the connections there may be in all.
+    view_access_release_peer(access_, connection.link->fd);
+    connection.phase = VIEW_LINGERING;
+    connection.deadline = view_now_ns() + LINGER_NS;
+    connection.out.clear();
+    connection.out.shrink_to_fit();
+    connection.in.clear();
+    connection.in.shrink_to_fit();
+    if (connection.viewer) {
+        connection.viewer.reset();
+        updateWanted();
+        trim_due_ = true;
+    }
+    watch(connection);
+}
+
+void ViewServer::drop(int fd) {
+    auto it = connections_.find(fd);
+    if (it == connections_.end()) {
+        return;
+    }
+    bool viewer = it->second->viewer != nullptr;
+    epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, fd, nullptr);
+    connections_.erase(it);
+    if (viewer) {
+        updateWanted();
+        trim_due_ = true;
+    }
+    if (!accepting_) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = listen_fd_;
+        epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &event);
+        accepting_ = true;
+    }
+}
+
+// Asks epoll for what the connection waits on: its requests and frames
+// (none from a viewer that is closing), room for what it is sent.
+void ViewServer::watch(connection_t& connection) {
+    view_viewer_t* viewer = connection.viewer.get();
+    bool read = connection.phase == VIEW_HANDSHAKING || connection.phase == VIEW_LINGERING ||
+                (viewer && !viewer->closing);
+    bool write =
+        connection.link->wants_write ||
+        (connection.phase == VIEW_RESPONDING && connection.out_at < connection.out.size()) ||
+        (viewer && view_viewer_waiting(*viewer));
+    uint32_t events = (read ? uint32_t{EPOLLIN} : 0u) | (write ? uint32_t{EPOLLOUT} : 0u);
+    if (events != connection.events) {
+        epoll_event event{};
+        event.events = connection.events = events;
+        event.data.fd = connection.link->fd;
+        epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, connection.link->fd, &event);
+    }
+}
+
+// Ends the connections whose time is up: handshakes that did not finish,
+// viewers that stalled, lingering ones. They are not told: nothing
+// reaches them.
+void ViewServer::expire() {
+    int64_t now = view_now_ns();
+    std::vector<int> due;
+    for (const auto& [fd, connection] : connections_) {
+        int64_t stall = connection->viewer ? connection->viewer->stall_deadline : 0;
+        if ((connection->deadline && now >= connection->deadline) || (stall && now >= stall)) {
+            due.push_back(fd);
+        }
+    }
+    for (int fd : due) {
+        drop(fd);
     }
 }
 
 // Once a second at most, after viewers left: what they held goes back to
 // the system, instead of staying with the allocator.
 void ViewServer::trimMemory() {
-    int64_t now = now_ns();
+    int64_t now = view_now_ns();
     if (trim_due_ && now - trimmed_at_ >= 1'000'000'000) {
         malloc_trim(0);
         trim_due_ = false;
@@ -452,16 +586,11 @@ void ViewServer::trimMemory() {
     }
 }
 
-void ViewServer::stop() {
-    stopping_ = true;
-    lws_cancel_service(context_);
-}
-
 void ViewServer::updateWanted() {
     for (uint32_t channel : channel_ids_) {
         bool any = false;
-        for (const auto& [wsi, viewer] : viewers_) {
-            any = any || viewer->session.subscribed(channel);
+        for (const auto& [fd, connection] : connections_) {
+            any = any || (connection->viewer && connection->viewer->session.subscribed(channel));
         }
         wanted_[channel] = any;
     }
@@ -483,280 +612,29 @@ void ViewServer::deliver() {
     for (auto& [channel, message] : inbox) {
         shared[channel] = std::make_shared<const std::string>(std::move(message.second));
     }
-    for (auto& [wsi, viewer] : viewers_) {
-        if (viewer->closing || viewer->dropped) {
+    int64_t now = view_now_ns();
+    std::vector<int> ready;
+    for (auto& [fd, connection] : connections_) {
+        view_viewer_t* viewer = connection->viewer.get();
+        if (!viewer || viewer->closing) {
             continue;
         }
         for (const std::string& status : statuses) {
-            queue_text(*viewer, status);
+            view_viewer_queue_text(*viewer, status);
         }
-        roll_tally(*viewer, now_ns());
+        view_viewer_roll_tally(*viewer, now);
         for (const auto& [channel, message] : inbox) {
             for (uint32_t subscription : viewer->session.subscriptionsOf(channel)) {
-                auto [slot, fresh] = viewer->data.try_emplace(subscription);
-                viewer->replaced[0] += !fresh;
-                slot->second = {foxglove_message_data(subscription, message.first, {}),
-                                shared[channel]};
+                view_viewer_queue_data(
+                    *viewer, subscription,
+                    {foxglove_message_data(subscription, message.first, {}), shared[channel]});
             }
         }
-        want_write(*viewer);
+        ready.push_back(fd);
     }
-}
-
-// A new viewer beyond the limit takes the place of one that subscribes to
-// nothing, or else of one that does not take what it subscribed to; among
-// those, of one from the address with the most viewers, the oldest first.
-// A viewer that reads is never replaced: when all read, the new one is
-// refused.
-void ViewServer::admit(viewer_t& viewer) {
-    int64_t now = now_ns();
-    std::map<std::string, size_t> per_address;
-    for (const auto& [wsi, other] : viewers_) {
-        if (other.get() != &viewer && !other->closing && !other->dropped) {
-            ++per_address[other->host];
+    for (int fd : ready) {
+        if (connections_.count(fd)) {
+            flush(*connections_[fd]);
         }
-    }
-    viewer_t* weakest = nullptr;
-    std::tuple<int, int64_t, uint64_t> weakest_rank{2, 0, 0};
-    size_t active = 0;
-    for (const auto& [wsi, other] : viewers_) {
-        if (other.get() == &viewer || other->closing || other->dropped) {
-            continue;
-        }
-        ++active;
-        // One that just came has its moment to subscribe.
-        int s = standing(*other, now);
-        s = s == 0 && now - other->connected_at < READING_WINDOW_NS / 2 ? 1 : s;
-        std::tuple<int, int64_t, uint64_t> rank{s, -static_cast<int64_t>(per_address[other->host]),
-                                                other->serial};
-        if (s < 2 && (!weakest || rank < weakest_rank)) {
-            weakest = other.get();
-            weakest_rank = rank;
-        }
-    }
-    if (active >= options_.max_clients && !weakest) {
-        close_with(viewer, LWS_CLOSE_STATUS_POLICY_VIOLATION,
-                   "too many viewers (" + std::to_string(options_.max_clients) + ")");
-        return;
-    }
-    if (active >= options_.max_clients) {
-        close_with(*weakest, LWS_CLOSE_STATUS_POLICY_VIOLATION,
-                   weakest->session.empty()
-                       ? "a newer viewer took the place of this one, which subscribed to nothing"
-                       : "a newer viewer took the place of this one, which did not take what it "
-                         "subscribed to");
-    }
-    queue_text(viewer, foxglove_server_info("radarscene-view"));
-    queue_text(viewer, foxglove_advertise(channels_));
-    if (!condition_.empty()) {
-        queue_text(viewer, condition_);
-    }
-    want_write(viewer);
-}
-
-void ViewServer::receive(viewer_t& viewer, const char* in, size_t len) {
-    lws* wsi = viewer.wsi;
-    if (lws_frame_is_binary(wsi)) {
-        if (!viewer.binary_refused) {
-            queue_text(viewer,
-                       foxglove_status(FOXGLOVE_ERROR, "binary messages are not supported"));
-            want_write(viewer);
-        }
-        viewer.binary_refused = !lws_is_final_fragment(wsi);
-        return;
-    }
-    viewer.rx.append(in, len);
-    if (viewer.rx.size() > MAX_CLIENT_MESSAGE) {
-        close_with(viewer, LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE, "message too large");
-        return;
-    }
-    if (!lws_is_final_fragment(wsi)) {
-        return;
-    }
-    std::set<uint32_t> ids(channel_ids_.begin(), channel_ids_.end());
-    if (auto reply = viewer.session.handleText(viewer.rx, ids)) {
-        queue_text(viewer, std::move(*reply));
-    }
-    viewer.rx.clear();
-    updateWanted();
-    want_write(viewer);
-}
-
-// Writes what waits while the socket takes it; after the last message of a
-// closing viewer, closes with its status and reason.
-int ViewServer::write(viewer_t& viewer) {
-    do {
-        if (viewer.out_at == viewer.out.size() && !next_message(viewer)) {
-            if (!viewer.closing) {
-                return 0;
-            }
-            lws_close_reason(viewer.wsi, viewer.close_status,
-                             reinterpret_cast<unsigned char*>(viewer.close_reason.data()),
-                             viewer.close_reason.size());
-            // The library sends the close frame and waits for its answer;
-            // a second -1 would cut the connection before.
-            viewer.dropped = true;
-            return -1;
-        }
-        size_t n = std::min(FRAGMENT, viewer.out.size() - viewer.out_at);
-        int flags = lws_write_ws_flags(viewer.out_kind, viewer.out_at == 0,
-                                       viewer.out_at + n == viewer.out.size());
-        viewer.out.copy(viewer.out_at, n, scratch_.data() + LWS_PRE);
-        if (lws_write(viewer.wsi, scratch_.data() + LWS_PRE, n,
-                      static_cast<lws_write_protocol>(flags)) < static_cast<int>(n)) {
-            return -1;
-        }
-        viewer.out_at += n;
-        if (viewer.out_at == viewer.out.size() && viewer.out_kind == LWS_WRITE_BINARY) {
-            roll_tally(viewer, now_ns());
-            ++viewer.taken[0];
-        }
-        watch_stall(viewer, true);
-    } while (!lws_send_pipe_choked(viewer.wsi));
-    want_write(viewer);
-    return 0;
-}
-
-int ViewServer::callback(lws* wsi, int reason, void* user, void* in, size_t len) {
-    auto** slot = static_cast<viewer_t**>(user);
-    viewer_t* viewer = slot ? *slot : nullptr;
-    switch (reason) {
-        case LWS_CALLBACK_ESTABLISHED: {
-            // The kernel would otherwise queue megabytes of old scenes for a
-            // viewer that falls behind before the server sees it stall.
-            int send_buffer = VIEWER_SEND_BUFFER;
-            setsockopt(lws_get_socket_fd(wsi), SOL_SOCKET, SO_SNDBUF, &send_buffer,
-                       sizeof send_buffer);
-            auto created = std::make_unique<viewer_t>();
-            created->wsi = wsi;
-            created->serial = ++serial_;
-            created->connected_at = now_ns();
-            created->host = peer_host(wsi);
-            *slot = created.get();
-            viewers_[wsi] = std::move(created);
-            admit(*viewers_[wsi]);
-            return 0;
-        }
-        case LWS_CALLBACK_CLOSED:
-            if (viewer) {
-                viewers_.erase(wsi);
-                *slot = nullptr;
-                updateWanted();
-                trim_due_ = true;
-            }
-            return 0;
-        case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE:
-            // Nothing more goes out before the library echoes the close.
-            if (viewer) {
-                viewer->dropped = true;
-            }
-            return 0;
-        case LWS_CALLBACK_RECEIVE:
-            if (viewer && !viewer->closing && !viewer->dropped) {
-                receive(*viewer, static_cast<const char*>(in), len);
-            }
-            return 0;
-        case LWS_CALLBACK_SERVER_WRITEABLE:
-            return viewer && !viewer->dropped ? write(*viewer) : 0;
-        case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
-            deliver();
-            return 0;
-        default:
-            return 0;
-    }
-}
-
-// The HTTP status that refuses a page request or an upgrade, or 0: a page
-// of another origin, missing or wrong credentials (counted per address), an
-// upgrade to anything but our subprotocol.
-unsigned ViewServer::refusal(lws* wsi, bool upgrade) {
-    std::string origin = header(wsi, WSI_TOKEN_ORIGIN);
-    if (lws_hdr_total_length(wsi, WSI_TOKEN_ORIGIN) > 0 &&
-        !view_access_origin_allowed(access_, origin)) {
-        return HTTP_STATUS_FORBIDDEN;
-    }
-    if (!access_.secret.empty()) {
-        std::string address = peer_host(wsi);
-        int64_t now_s = now_ns() / 1'000'000'000;
-        if (view_access_locked_out(access_, address, now_s)) {
-            return 429;
-        }
-        std::string bearer = header(wsi, WSI_TOKEN_HTTP_AUTHORIZATION, 2048);
-        char arg[2048] = "";
-        const char* token = lws_get_urlarg_by_name(wsi, "token=", arg, sizeof arg);
-        bool given = (bearer.rfind("Bearer ", 0) == 0 &&
-                      view_access_secret_matches(access_, bearer.substr(7))) ||
-                     (token && view_access_secret_matches(access_, token));
-        if (!given &&
-            !view_access_cookie_matches(access_, header(wsi, WSI_TOKEN_HTTP_COOKIE, 4096))) {
-            view_access_failed(access_, address, now_s);
-            return HTTP_STATUS_UNAUTHORIZED;
-        }
-        if (given && !upgrade) {
-            cookie_due_.insert(wsi);
-        }
-    }
-    if (upgrade) {
-        if (header(wsi, WSI_TOKEN_VERSION) != "13") {
-            return 426;
-        }
-        std::string protocols = header(wsi, WSI_TOKEN_PROTOCOL);
-        if (protocols.find(PROTOCOLS[1].name) == std::string::npos) {
-            return HTTP_STATUS_BAD_REQUEST;
-        }
-    }
-    return 0;
-}
-
-int ViewServer::httpCallback(lws* wsi, int reason, void* user, void* in, size_t len) {
-    static const std::map<unsigned, const char*> WHY{
-        {HTTP_STATUS_BAD_REQUEST, "an upgrade needs the subprotocol foxglove.websocket.v1"},
-        {HTTP_STATUS_UNAUTHORIZED, "this view needs its secret: add ?token=SECRET to the address"},
-        {HTTP_STATUS_FORBIDDEN, "pages of other origins may not use this view"},
-        {426, "WebSocket version 13 is needed"},
-        {429, "too many failed attempts from this address; try again in a minute"}};
-    switch (reason) {
-        case LWS_CALLBACK_FILTER_NETWORK_CONNECTION:
-            return view_access_admit_peer(access_, static_cast<int>(reinterpret_cast<intptr_t>(in)))
-                       ? 0
-                       : 1;
-        case LWS_CALLBACK_FILTER_HTTP_CONNECTION:
-        case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE: {
-            cookie_due_.erase(wsi);
-            bool upgrade = reason == LWS_CALLBACK_HTTP_CONFIRM_UPGRADE;
-            if (unsigned status = refusal(wsi, upgrade)) {
-                lws_return_http_status(wsi, status, WHY.at(status));
-                // An upgrade's answer ends the transaction; a page request
-                // is closed.
-                return upgrade ? (lws_http_transaction_completed(wsi) ? -1 : 1) : 1;
-            }
-            return 0;
-        }
-        case LWS_CALLBACK_ADD_HEADERS:
-            if (cookie_due_.erase(wsi)) {
-                std::string cookie = std::string(VIEW_COOKIE) + "=" + access_.session +
-                                     "; Path=/; HttpOnly; SameSite=Strict" +
-                                     (options_.tls_cert.empty() ? "" : "; Secure");
-                auto* args = static_cast<lws_process_html_args*>(in);
-                auto* p = reinterpret_cast<unsigned char*>(args->p);
-                if (lws_add_http_header_by_token(
-                        wsi, WSI_TOKEN_HTTP_SET_COOKIE,
-                        reinterpret_cast<const unsigned char*>(cookie.data()),
-                        static_cast<int>(cookie.size()), &p, p + args->max_len)) {
-                    return 1;
-                }
-                args->max_len -= static_cast<int>(reinterpret_cast<char*>(p) - args->p);
-                args->p = reinterpret_cast<char*>(p);
-            }
-            return 0;
-        case LWS_CALLBACK_CLOSED_HTTP:
-            cookie_due_.erase(wsi);
-            return lws_callback_http_dummy(wsi, static_cast<lws_callback_reasons>(reason), user, in,
-                                           len);
-        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:
-            return 1;  // an upgrade that asked for no protocol of ours
-        default:
-            return lws_callback_http_dummy(wsi, static_cast<lws_callback_reasons>(reason), user, in,
-                                           len);
     }
 }

@@ -1,17 +1,18 @@
 #pragma once
 
-// The viewer's server on libwebsockets, on one address and port: the page's
-// files at "/", and the Foxglove WebSocket protocol for the page and for
-// other viewers. Per viewer only the newest message of each subscription
-// (one per channel, shared by every viewer) and a bounded queue of answers
-// wait to be sent, so a slow viewer never slows the others or the radar; a
-// viewer that takes nothing for a few seconds, or lets its answers pile up,
-// is disconnected. Connections are capped per address and well below the
-// descriptor limit, those that do not become viewers of this protocol within
-// a few seconds are closed, and when the viewers are many, one that does not
-// take what it subscribed to makes room for a new one. Requests from pages
-// of other origins are refused, and with a secret every request must carry
-// it (or the cookie the page gets for it).
+// The viewer's server, on one address and port, plain or over TLS: the
+// page's files at "/", and the Foxglove WebSocket protocol for the page and
+// for other viewers, on a transport of its own (HTTP/1.1, RFC 6455). Per
+// viewer only the newest message of each subscription (one per channel,
+// shared by every viewer) and a bounded queue of answers wait to be sent,
+// so a slow viewer never slows the others or the radar; a viewer that
+// takes nothing for a few seconds, or lets its answers pile up, is
+// disconnected. Connections are capped per address and well below the
+// descriptor limit, those that do not become viewers of this protocol
+// within a few seconds are closed, and when the viewers are many, one that
+// does not take what it subscribed to makes room for a new one. Requests
+// from pages of other origins are refused, and with a secret every request
+// must carry it (or the cookie the page gets for it).
 
 #include "foxglove.h"
 #include "viewaccess.h"
@@ -23,11 +24,12 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
-struct lws;
-struct lws_context;
-struct lws_http_mount;
+struct view_tls_t;
+struct view_viewer_t;
+struct http_request_t;
 
 struct view_server_options_t {
     std::string address = "127.0.0.1";  // a literal or a name that resolves
@@ -65,35 +67,47 @@ public:
     void run();
     void stop();
 
-    struct viewer_t;
-    int callback(lws* wsi, int reason, void* user, void* in, size_t len);
-    int httpCallback(lws* wsi, int reason, void* user, void* in, size_t len);
+    struct connection_t;
 
 private:
+    void accept();
+    void service(int fd, uint32_t events);
+    void readRequest(connection_t& connection);
+    void answer(connection_t& connection, const http_request_t& request, size_t head_size);
+    void respond(connection_t& connection, std::string response);
+    void upgrade(connection_t& connection, const http_request_t& request, size_t head_size);
+    void receive(connection_t& connection);
+    void frames(connection_t& connection);
+    void message(view_viewer_t& viewer, uint8_t opcode, std::string_view payload);
+    void flush(connection_t& connection);
+    void finish(connection_t& connection);
+    void drop(int fd);
+    void watch(connection_t& connection);
+    void expire();
     void deliver();
-    void admit(viewer_t& viewer);
-    void receive(viewer_t& viewer, const char* in, size_t len);
-    int write(viewer_t& viewer);
+    void admit(view_viewer_t& viewer);
     void updateWanted();
-    unsigned refusal(lws* wsi, bool upgrade);
+    unsigned refusal(connection_t& connection, const http_request_t& request, bool upgrade);
     void trimMemory();
 
     view_server_options_t options_;
     std::vector<foxglove_channel_t> channels_;
     std::vector<uint32_t> channel_ids_;
-    std::unique_ptr<lws_http_mount> mount_;  // the page's files, for the context's lifetime
-    std::vector<unsigned char> scratch_;     // a fragment being written, with the room before it
-    lws_context* context_ = nullptr;
+    std::unique_ptr<view_tls_t> tls_;
+    int listen_fd_ = -1;
+    int epoll_fd_ = -1;
+    int wake_fd_ = -1;  // an eventfd: publish(), broadcast() and stop() wake the service thread
     std::string address_;
     int port_ = 0;
-    std::map<lws*, std::unique_ptr<viewer_t>> viewers_;  // the service thread's own
-    uint64_t serial_ = 0;                                // of the last viewer
+    size_t max_connections_ = 0;
+    bool accepting_ = true;
+    std::map<int, std::unique_ptr<connection_t>> connections_;  // the service thread's own
+    uint64_t serial_ = 0;                                       // of the last viewer
     std::atomic<bool> stopping_{false};
     std::map<uint32_t, std::atomic<bool>> wanted_;
-    view_access_t access_;       // the service thread's own
-    std::set<lws*> cookie_due_;  // page requests that gave the secret
-    std::string condition_;      // the provider's last status, for new viewers
-    bool trim_due_ = false;      // viewers left: memory to give back
+    view_access_t access_;   // the service thread's own
+    std::string condition_;  // the provider's last status, for new viewers
+    bool trim_due_ = false;  // viewers left: memory to give back
     int64_t trimmed_at_ = 0;
 
     // Handed from other threads to the service thread.
