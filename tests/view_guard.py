@@ -437,6 +437,14 @@ def attacker(kind, port, stop):
                 if len(held) >= 400:
                     stop.wait(0.5)
                 continue
+            if kind == "lingering":
+                # Requests the view refuses, on connections this peer keeps open.
+                s = socket.create_connection(("127.0.0.1", port), timeout=10)
+                s.sendall(b"GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n")
+                held.append(s)
+                if len(held) > 60:
+                    held.pop(0).close()
+                continue
             v = Viewer(port)
             held.append(v)
             if kind == "idle":
@@ -462,7 +470,9 @@ def attacker(kind, port, stop):
 
 def real_viewer(port, seconds):
     """A viewer from another address that takes its time to subscribe, as a
-    page does: its first scene, then how many it gets in `seconds`."""
+    page does: how long its first scene took, then how many it gets in
+    `seconds`."""
+    start = time.monotonic()
     try:
         v = Viewer(port, source="127.0.0.2")
         v.sock.settimeout(30)
@@ -473,11 +483,12 @@ def real_viewer(port, seconds):
         fail(f"the real viewer was not served: {e}")
     if v.data() is None:
         fail(f"the real viewer got no scene: closed with {v.close_code} '{v.close_reason}'")
+    first = time.monotonic() - start
     scenes, end = 0, time.monotonic() + seconds
     while time.monotonic() < end and v.data() is not None:
         scenes += 1
     v.close()
-    return scenes / seconds
+    return first, scenes / seconds
 
 
 def attack(port, pid, kind, threads):
@@ -492,7 +503,8 @@ def attack(port, pid, kind, threads):
     held = f"view {proc(pid, 'VmRSS')} KiB, {descriptors(pid)} descriptors"
     try:
         print(f"{kind}: {held}; ", end="", flush=True)
-        print(f"real viewer {real_viewer(port, 3):.1f} scenes/s")
+        first, rate = real_viewer(port, 3)
+        print(f"real viewer's first scene after {first:.1f} s, then {rate:.1f} scenes/s")
     finally:
         stop.set()
         for w in workers:
@@ -528,7 +540,7 @@ def many(port, pid):
         for w in workers:
             w.start()
         time.sleep(4)
-        rate = real_viewer(port, 3)
+        _, rate = real_viewer(port, 3)
         sizes[subscriptions] = proc(pid, "VmRSS")
         stop.set()
         for w in workers:
@@ -628,7 +640,7 @@ if __name__ == "__main__":
     elif command == "backlog":
         backlog(port)
     elif command == "alone":
-        print(f"alone: real viewer {real_viewer(port, 3):.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
+        print(f"alone: real viewer {real_viewer(port, 3)[1]:.1f} scenes/s; view {proc(int(sys.argv[3]), 'VmRSS')} KiB, "
               f"{descriptors(int(sys.argv[3]))} descriptors")
     elif command == "headers":
         # Requests whose headers are beyond the bound, one at a time.

@@ -282,7 +282,10 @@ void ViewServer::run() {
 // Takes the connections waiting, as long as there is room for them; an
 // address that holds its share already is closed at once.
 void ViewServer::accept() {
-    while (connections_.size() < max_connections_) {
+    for (;;) {
+        if (connections_.size() >= max_connections_ && !dropLingering()) {
+            break;
+        }
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             return;
@@ -506,6 +509,7 @@ void ViewServer::finish(connection_t& connection) {
     view_access_release_peer(access_, connection.link->fd);
     connection.phase = VIEW_LINGERING;
     connection.deadline = view_now_ns() + LINGER_NS;
+    listenAgain();  // it gives its place to a newcomer if need be
     connection.out.clear();
     connection.out.shrink_to_fit();
     connection.in.clear();
@@ -530,6 +534,28 @@ void ViewServer::drop(int fd) {
         updateWanted();
         trim_due_ = true;
     }
+    listenAgain();
+}
+
+// A connection waiting to be accepted takes the place of the lingering one
+// closest to its end: refused peers that keep their connections open must
+// not fill the server while their addresses connect again.
+bool ViewServer::dropLingering() {
+    auto found = connections_.end();
+    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+        if (it->second->phase == VIEW_LINGERING &&
+            (found == connections_.end() || it->second->deadline < found->second->deadline)) {
+            found = it;
+        }
+    }
+    if (found == connections_.end()) {
+        return false;
+    }
+    drop(found->first);
+    return true;
+}
+
+void ViewServer::listenAgain() {
     if (!accepting_) {
         epoll_event event{};
         event.events = EPOLLIN;

@@ -82,6 +82,8 @@ private:
     void flush(connection_t& connection);
     void finish(connection_t& connection);
     void drop(int fd);
+    bool dropLingering();
+    void listenAgain();
     void watch(connection_t& connection);
     void expire();
     void deliver();
