@@ -32,7 +32,7 @@ for tools in "$@"; do
         port=$(sed -n 's|.*serving http://.*:\([0-9]*\)/$|\1|p' "$work/view.log")
         if [[ -z $options ]]; then
             guard alone "$port" "$view"
-            for attack in slow silent idle sockets lingering; do
+            for attack in slow silent idle sockets lingering spread; do
                 guard attack "$port" "$view" "$attack" 16
                 sleep 6
             done

@@ -395,6 +395,13 @@ def rfc(port):
             pass
         if bad.close_code != expected:
             fail(f"{what}: closed with {bad.close_code}, not {expected}")
+    # Subscriptions without their ids, and an id nested as deep as a message
+    # allows, get a status like any other mistake.
+    odd = Viewer(port)
+    odd.request({"op": "subscribe", "subscriptions": [{}, {"id": 9}]})
+    odd.send(1, b'{"op":"unsubscribe","subscriptionIds":[' + b"[" * 32000 + b"]" * 32000 + b"]}")
+    if odd.texts_until(lambda m: m.get("message", "").startswith("no subscription")) is None:
+        fail("requests with odd ids were not answered")
     if other.data() is None:
         fail("the others are no longer served")
     # HTTP: a request in pieces, a head, pipelined requests, what is refused.
@@ -419,6 +426,7 @@ def rfc(port):
     for request, expected in [("POST / HTTP/1.1\r\nHost: x\r\n", 405), ("GET /../tools HTTP/1.1\r\nHost: x\r\n", 404),
                               ("GET / HTTP/1.1\r\n", 400), ("GET / HTTP/1.1\r\nHost : x\r\n", 400),
                               ("GET / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n", 400),
+                              ("GET / HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\nContent-Length: 5\r\n", 400),
                               ("GET / HTTP/2.0\r\nHost: x\r\n", 505),
                               ("GET / HTTP/1.1\r\nHost: x\r\nX: " + "x" * 9000 + "\r\n", 431)]:
         sock = socket.create_connection(("127.0.0.1", port), timeout=10)
@@ -432,8 +440,10 @@ def attacker(kind, port, stop):
     held = []
     while not stop.is_set():
         try:
-            if kind == "sockets":
-                held.append(socket.create_connection(("127.0.0.1", port), timeout=10))
+            if kind in ("sockets", "spread"):
+                # "spread": silent connections from 64 addresses.
+                source = (f"127.0.1.{len(held) % 64 + 1}", 0) if kind == "spread" else None
+                held.append(socket.create_connection(("127.0.0.1", port), 10, source))
                 if len(held) >= 400:
                     stop.wait(0.5)
                 continue

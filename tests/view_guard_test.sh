@@ -81,8 +81,9 @@ guard rfc "$port" || fail "RFC 6455 and HTTP/1.1"
 guard headers "$port" 2000 || fail "oversized requests"
 (($(wc -l <"$work/view.log") < 100)) || fail "$(wc -l <"$work/view.log") lines in the log: $(tail -n 3 "$work/view.log")"
 guard backlog "$port" || fail "backlog"
-# One peer attacks from 127.0.0.1 while a real viewer comes from 127.0.0.2.
-for attack in slow silent idle sockets lingering; do
+# One peer attacks from 127.0.0.1 (or, spread, from 64 addresses of 127.0.1.0/24)
+# while a real viewer comes from 127.0.0.2.
+for attack in slow silent idle sockets lingering spread; do
     guard attack "$port" "$view" "$attack" 16 >>"$work/attacks.log" || fail "$(cat "$work/attacks.log")"
 done
 cat "$work/flood.log" "$work/hoard.log" "$work/attacks.log"

@@ -1,3 +1,4 @@
+// The Foxglove WebSocket protocol's messages and one client's requests.
 #include "foxglove.h"
 
 #include <nlohmann/json.hpp>
@@ -9,6 +10,22 @@ namespace {
 // A JSON number that fits a 32-bit unsigned id.
 bool is_id(const json& value) {
     return value.is_number_unsigned() && value.get<uint64_t>() <= UINT32_MAX;
+}
+
+// Whether `object` has `key`, an id: a const object's operator[] may not be
+// asked for a key it lacks.
+bool has_id(const json& object, const char* key) {
+    auto it = object.find(key);
+    return it != object.end() && is_id(*it);
+}
+
+// A value a client sent, for a message: containers are not written out, as
+// their nesting is the client's to choose.
+std::string shown(const json& value) {
+    if (!value.is_primitive()) {
+        return value.is_array() ? "[...]" : "{...}";
+    }
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -94,12 +111,12 @@ std::optional<std::string> FoxgloveSession::handleText(std::string_view text,
     foxglove_status_level_t level = FOXGLOVE_ERROR;
     if (op == "subscribe" && request["subscriptions"].is_array()) {
         for (const json& s : request["subscriptions"]) {
-            if (!s.is_object() || !is_id(s["id"]) || !is_id(s["channelId"])) {
+            if (!s.is_object() || !has_id(s, "id") || !has_id(s, "channelId")) {
                 note("a subscription needs an \"id\" and a \"channelId\"");
                 continue;
             }
-            auto id = s["id"].get<uint32_t>();
-            auto channel = s["channelId"].get<uint32_t>();
+            auto id = s.at("id").get<uint32_t>();
+            auto channel = s.at("channelId").get<uint32_t>();
             if (!channels.count(channel)) {
                 note("channel " + std::to_string(channel) + " does not exist");
             } else if (subscriptions_.count(id)) {
@@ -118,7 +135,7 @@ std::optional<std::string> FoxgloveSession::handleText(std::string_view text,
         level = FOXGLOVE_WARNING;
         for (const json& id : request["subscriptionIds"]) {
             if (!is_id(id) || !subscriptions_.erase(id.get<uint32_t>())) {
-                note("no subscription " + id.dump(-1, ' ', false, json::error_handler_t::replace));
+                note("no subscription " + shown(id));
             }
         }
     } else if (op == "subscribe" || op == "unsubscribe") {

@@ -118,12 +118,13 @@ unsigned http_request_parse(std::string_view bytes, http_request_t& request, siz
         at = next + 2;
     }
     // HTTP/1.1 asks for exactly one Host; a body is not something a GET of
-    // ours reads, so one announced is refused rather than left to be read
-    // as the next request.
+    // ours reads, so one announced (or two lengths, which smuggle one) is
+    // refused rather than left to be read as the next request.
     if ((request.http11 && http_request_header_count(request, "host") != 1) ||
         http_request_header_count(request, "host") > 1 ||
         http_request_header_count(request, "transfer-encoding") > 0 ||
-        (http_request_header_count(request, "content-length") > 0 &&
+        http_request_header_count(request, "content-length") > 1 ||
+        (http_request_header_count(request, "content-length") == 1 &&
          http_request_header(request, "content-length") != "0")) {
         return 400;
     }

@@ -70,7 +70,8 @@ unsigned ViewServer::refusal(connection_t& connection, const http_request_t& req
     }
     std::string bearer = http_request_header(request, "authorization");
     std::string token = http_request_query(request, "token");
-    bool given = (bearer.rfind("Bearer ", 0) == 0 &&
+    // The scheme's name is case-insensitive.
+    bool given = (http_lower(bearer.substr(0, 7)) == "bearer " &&
                   view_access_secret_matches(access_, bearer.substr(7))) ||
                  (!token.empty() && view_access_secret_matches(access_, token));
     if (!given && !view_access_cookie_matches(access_, http_request_header(request, "cookie"))) {

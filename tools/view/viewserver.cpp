@@ -32,6 +32,9 @@ constexpr int64_t MAX_STALL_NS = 3'000'000'000;
 // close, and how many connections (pages, upgrades) there may be per viewer
 // allowed.
 constexpr int64_t LINGER_NS = 2'000'000'000;
+constexpr size_t ACCEPTS_PER_TURN = 16;
+// A connection silent this long in its handshake may make room for another.
+constexpr int64_t SILENT_NS = 1'000'000'000;
 constexpr size_t CONNECTIONS_PER_VIEWER = 4;
 // Descriptors kept for everything else: listening, the loop, the bus, the
 // scene stream, the page's files.
@@ -282,9 +285,19 @@ void ViewServer::run() {
 // Takes the connections waiting, as long as there is room for them; an
 // address that holds its share already is closed at once.
 void ViewServer::accept() {
-    for (;;) {
-        if (connections_.size() >= max_connections_ && !dropLingering()) {
-            break;
+    // A few per turn of the loop: those taken in get their requests read
+    // before later newcomers may push them out.
+    for (size_t taken = 0; taken < ACCEPTS_PER_TURN; ++taken) {
+        if (connections_.size() >= max_connections_ && !dropLingering() &&
+            !dropCrowded(-1, nullptr) &&
+            connections_.size() >= max_connections_ + ACCEPTS_PER_TURN) {
+            // Full of connections that may still say what they want: the
+            // rest wait in the listening queue until one ends.
+            if (accepting_) {
+                epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, listen_fd_, nullptr);
+                accepting_ = false;
+            }
+            return;
         }
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
@@ -311,12 +324,11 @@ void ViewServer::accept() {
         event.events = connection->events = EPOLLIN;
         event.data.fd = fd;
         epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &event);
+        const std::string& host = connection->host;
         connections_[fd] = std::move(connection);
-    }
-    // Full: the rest wait in the listening queue until a connection ends.
-    if (accepting_) {
-        epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, listen_fd_, nullptr);
-        accepting_ = false;
+        if (connections_.size() > max_connections_ && !dropLingering()) {
+            dropCrowded(fd, &host);
+        }
     }
 }
 
@@ -331,9 +343,10 @@ void ViewServer::service(int fd, uint32_t events) {
             std::string error;
             int result = view_link_handshake(*connection.link, error);
             if (result < 0) {
-                // Without the peer's address: lines that differ in more
-                // than digits (IPv6 addresses) would each pass the limiter.
-                log_warning("radarscene-view: a TLS handshake failed: %s", error.c_str());
+                // Neither the peer's address nor the TLS library's reason:
+                // lines that differ in more than digits each pass the
+                // limiter, and a peer can choose among dozens of reasons.
+                log_warning("radarscene-view: a TLS handshake failed");
                 drop(fd);
                 return;
             }
@@ -555,6 +568,44 @@ bool ViewServer::dropLingering() {
     return true;
 }
 
+// Failing a lingering one, the newcomer `fd` from `host` (none: one still in
+// the queue) takes the place of a connection still in its handshake: one
+// silent for a second, or one from another address that holds as many of
+// those as the newcomer's held before it came, or more; of the address that
+// holds the most, the oldest. Silent connections from many addresses cannot keep a viewer out,
+// and a burst from one address does not push itself out: it waits.
+bool ViewServer::dropCrowded(int fd, const std::string* host) {
+    std::map<std::string, size_t> handshaking;
+    for (const auto& [other, connection] : connections_) {
+        if (connection->phase == VIEW_HANDSHAKING) {
+            ++handshaking[connection->host];
+        }
+    }
+    size_t own = host ? handshaking[*host] : 0;
+    int64_t silent_since = view_now_ns() + VIEW_HANDSHAKE_TIMEOUT_NS - SILENT_NS;
+    int found = -1;
+    size_t most = 0;
+    int64_t oldest = 0;
+    for (const auto& [other, connection] : connections_) {
+        size_t count = handshaking[connection->host];
+        bool may_go = connection->deadline <= silent_since ||
+                      (host && connection->host != *host && count + 1 >= own);
+        if (other == fd || connection->phase != VIEW_HANDSHAKING || !may_go) {
+            continue;
+        }
+        if (count > most || (count == most && connection->deadline < oldest)) {
+            found = other;
+            most = count;
+            oldest = connection->deadline;
+        }
+    }
+    if (found < 0) {
+        return false;
+    }
+    drop(found);
+    return true;
+}
+
 void ViewServer::listenAgain() {
     if (!accepting_) {
         epoll_event event{};
@@ -599,6 +650,8 @@ void ViewServer::expire() {
     for (int fd : due) {
         drop(fd);
     }
+    // Connections may have grown silent enough to make room.
+    listenAgain();
 }
 
 // Once a second at most, after viewers left: what they held goes back to

@@ -83,6 +83,7 @@ private:
     void finish(connection_t& connection);
     void drop(int fd);
     bool dropLingering();
+    bool dropCrowded(int fd, const std::string* host);
     void listenAgain();
     void watch(connection_t& connection);
     void expire();
