@@ -427,7 +427,7 @@ def rfc(port):
                               ("GET / HTTP/1.1\r\n", 400), ("GET / HTTP/1.1\r\nHost : x\r\n", 400),
                               ("GET / HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n", 400),
                               ("GET / HTTP/1.1\r\nHost: x\r\nContent-Length: 0\r\nContent-Length: 5\r\n", 400),
-                              ("GET / HTTP/2.0\r\nHost: x\r\n", 505),
+                              ("GET / HTTP/2.0\r\nHost: x\r\n", 505), ("GET / HTTP/1.1\nHost: x\n", 400),
                               ("GET / HTTP/1.1\r\nHost: x\r\nX: " + "x" * 9000 + "\r\n", 431)]:
         sock = socket.create_connection(("127.0.0.1", port), timeout=10)
         sock.sendall((request + "\r\n").encode())

@@ -76,7 +76,16 @@ const char* reason_phrase(unsigned status) {
 }  // namespace
 
 unsigned http_request_parse(std::string_view bytes, http_request_t& request, size_t& head_size) {
-    size_t end = bytes.substr(0, HTTP_MAX_REQUEST_HEAD).find("\r\n\r\n");
+    std::string_view window = bytes.substr(0, HTTP_MAX_REQUEST_HEAD);
+    size_t end = window.find("\r\n\r\n");
+    // A line ended by a bare LF is refused at once rather than waited on:
+    // the head it belongs to would never end.
+    for (size_t lf = window.find('\n'); lf < std::min(end, window.size());
+         lf = window.find('\n', lf + 1)) {
+        if (lf == 0 || window[lf - 1] != '\r') {
+            return 400;
+        }
+    }
     if (end == std::string_view::npos) {
         return bytes.size() >= HTTP_MAX_REQUEST_HEAD ? 431 : 0;
     }
