@@ -89,7 +89,7 @@ std::unique_ptr<view_link_t> view_link_create(int fd, view_tls_t* tls) {
     return link;
 }
 
-int view_link_handshake(view_link_t& link, std::string& error) {
+int view_link_handshake(view_link_t& link) {
     if (link.established) {
         return 1;
     }
@@ -104,9 +104,6 @@ int view_link_handshake(view_link_t& link, std::string& error) {
     if (kind == SSL_ERROR_WANT_READ || kind == SSL_ERROR_WANT_WRITE) {
         return 0;
     }
-    error = kind == SSL_ERROR_SYSCALL && ERR_peek_error() == 0
-                ? (errno ? strerror(errno) : "the peer closed the connection")
-                : openssl_error();
     ERR_clear_error();
     return -1;
 }

@@ -35,8 +35,8 @@ struct view_link_t {
 // to be made.
 std::unique_ptr<view_link_t> view_link_create(int fd, view_tls_t* tls);
 // Advances the TLS handshake: 1 when done, 0 while it waits for the
-// socket, -1 when it failed, with why in `error`.
-int view_link_handshake(view_link_t& link, std::string& error);
+// socket, -1 when it failed (why is not kept: the peer chooses it).
+int view_link_handshake(view_link_t& link);
 // Bytes read or written; 0 when the socket would block; -1 at the end or
 // on an error.
 ssize_t view_link_read(view_link_t& link, char* to, size_t n);

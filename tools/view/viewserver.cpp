@@ -340,8 +340,7 @@ void ViewServer::service(int fd, uint32_t events) {
     connection_t& connection = *it->second;
     switch (connection.phase) {
         case VIEW_HANDSHAKING: {
-            std::string error;
-            int result = view_link_handshake(*connection.link, error);
+            int result = view_link_handshake(*connection.link);
             if (result < 0) {
                 // Neither the peer's address nor the TLS library's reason:
                 // lines that differ in more than digits each pass the
